@@ -1,0 +1,249 @@
+/*
+ * quarry: an in-process flight recorder for Linux processes.
+ *
+ * The public C ABI. Plain C99, usable from C and C++; it includes only system headers. A host
+ * opens named trace handles, writes records through them from any thread without locks, and
+ * gets its buffers on disk as ".trc" files on request, at exit, on the dump signal and on a
+ * crash. Every handle, buffer and setting lives until the process ends.
+ *
+ * Result conventions: 0 is success, -1 a mutex that could not be locked, 1 a file that could
+ * not be opened, other positive codes name the failed step. Diagnostics are single lines on
+ * standard error (the dump path alone reports on standard output). Nothing here throws.
+ */
+#ifndef QUARRY_QUARRY_H
+#define QUARRY_QUARRY_H
+
+#include <pthread.h>
+#include <stdbool.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define QUARRY_EXPORT __attribute__((visibility("default")))
+#else
+#define QUARRY_EXPORT
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------------------------ */
+/* Opaque records                                                                             */
+/* ------------------------------------------------------------------------------------------ */
+
+/* One opened trace name: its buffer, full name, trace point ID range and switches. */
+typedef struct quarry_handle quarry_handle;
+/* One circular buffer of 32-bit record words, shared by one or more handles. */
+struct circular_buffer;
+/* Where the library keeps its files: trace base directory and decode directory. */
+typedef struct quarry_env quarry_env;
+
+#ifndef QUARRY_BUILDING_LIBRARY
+/* The registry of all buffers, newest first, chained through each buffer's `next`. A buffer
+ * appears here only when complete. Inside the library this object is a std::atomic pointer of
+ * the same size and representation; outside it is read-only. */
+extern QUARRY_EXPORT struct circular_buffer* circular_buffer_list;
+#endif
+
+/* ------------------------------------------------------------------------------------------ */
+/* Opening and handles                                                                        */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Opens the handle `name` (no whitespace, no '/'). With `parent` null, creates a buffer of
+ * `size` bytes (clamped to 4096..4194304, raised to a power of two) in the directory
+ * QUARRY_PATH/<process name>/<name>/; with a parent, adds the handle to the parent's buffer
+ * under the full name "<parent>/<name>". `trace_point_count` IDs are reserved in the buffer.
+ * Opening an existing full name with the same `decode_file` returns that handle; with another
+ * `decode_file`, a twin with a derived name is added to the same buffer.
+ *
+ * Results: 0 opened (*out set); 2 `name` null; 3 `name` has whitespace or '/'; 4 no memory for
+ * the name; -1 registry lock failed; 15 no free derived name; 5 no memory for the handle or its
+ * list node; 6 trace point IDs of the buffer exhausted (more than 65536); 7 control-file watch
+ * not re-added; 8 no memory for the buffer; 9 buffer memory not allocated; 10 buffer directory
+ * path is not a directory; 11/12 no memory for the file names; 13 no memory for the decode
+ * reference; 14 handle table not created. On results 5..15 *out is null and nothing of the failed
+ * open remains reachable. */
+QUARRY_EXPORT int quarry_open_internal(quarry_handle** out, const char* name, unsigned int size,
+                                       unsigned int trace_point_count, const char* decode_file,
+                                       const char* decode_tag, quarry_handle* parent);
+
+/* Returns 0 and does nothing: handles live until the process ends and keep working. */
+QUARRY_EXPORT int quarry_close(quarry_handle* hdl);
+
+/* The handle's full name (owned by the handle, not a copy). `hdl` must not be null. */
+QUARRY_EXPORT const char* quarry_handle_get_name(quarry_handle* hdl);
+
+/* ------------------------------------------------------------------------------------------ */
+/* Process and thread identity                                                                */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Sets the process name used for directories and headers (at most 255 characters, spaces
+ * become '_'). Call before the first open. */
+QUARRY_EXPORT void quarry_set_process_name(const char* name);
+/* Deprecated spelling of quarry_set_process_name; prints a warning. */
+QUARRY_EXPORT void quarry_set_process_prefix(const char* name);
+/* The process name (the library's own array). */
+QUARRY_EXPORT char* quarry_get_process_prefix(void);
+QUARRY_EXPORT void quarry_set_node_id(unsigned int id);
+QUARRY_EXPORT unsigned int quarry_get_node_id(void);
+/* Caches getpid() and returns it. */
+QUARRY_EXPORT int quarry_init_process_id(void);
+/* The cached process ID, 0 before the first open or quarry_init_process_id. */
+QUARRY_EXPORT int quarry_get_process_id(void);
+/* The program's first argument from /proc/self/cmdline; empty when unreadable. */
+QUARRY_EXPORT char* quarry_get_argv0(void);
+/* Names the calling thread in every trace file. Results: 0 done; 1 no memory; -1 lock failed. */
+QUARRY_EXPORT int quarry_set_current_thread_name(const char* name);
+/* Deprecated when `thread` is not zero (prints a warning); always names the calling thread.
+ * Results as quarry_set_current_thread_name. */
+QUARRY_EXPORT int quarry_set_thread_name(pthread_t thread, const char* name);
+
+/* ------------------------------------------------------------------------------------------ */
+/* Writing records                                                                            */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Bit 0 of `flags`: the signature holds at least one 's'. */
+#define QUARRY_FLAG_HAS_STRINGS 0x1u
+
+/* Writes one record for trace point `trace_point` (an index below the handle's count) without
+ * taking a lock. `signature` lists the variable arguments: 'd' a 32-bit integer, 'D' a 64-bit
+ * integer, 's' a NUL-terminated string (null allowed); other characters take no argument.
+ * `fixed_words` is 4 + N (+1 when N >= 6), N counting 'd' once and 'D' twice; `flags` carries
+ * QUARRY_FLAG_HAS_STRINGS. `spare` is ignored. A null or disabled handle writes nothing.
+ * Never fails, never blocks (except the short buffer lock of a piped handle), never prints.
+ * QUARRY_TRACE below computes `fixed_words` and `flags` from a literal signature. */
+QUARRY_EXPORT void quarry_internal(quarry_handle* handle, uint32_t trace_point,
+                                   uint32_t fixed_words, uint32_t flags, const char* signature,
+                                   uint64_t spare, ...);
+
+/* The fixed word count of a signature. For a literal signature the compiler folds it. */
+static inline uint32_t quarry_signature_fixed_words(const char* signature) {
+  uint32_t numeric = 0;
+  for (; *signature; ++signature) {
+    if (*signature == 'd') numeric += 1;
+    if (*signature == 'D') numeric += 2;
+  }
+  return 4 + numeric + (numeric >= 6 ? 1 : 0);
+}
+
+/* The `flags` argument of a signature. */
+static inline uint32_t quarry_signature_flags(const char* signature) {
+  for (; *signature; ++signature) {
+    if (*signature == 's') return QUARRY_FLAG_HAS_STRINGS;
+  }
+  return 0;
+}
+
+/* QUARRY_TRACE(handle, trace_point, "ds", 7, "up") */
+#define QUARRY_TRACE(handle, trace_point, signature, ...)                           \
+  quarry_internal((handle), (trace_point), quarry_signature_fixed_words(signature), \
+                  quarry_signature_flags(signature), (signature), 0, ##__VA_ARGS__)
+
+/* ------------------------------------------------------------------------------------------ */
+/* Switches                                                                                   */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Tracing on or off for one handle; takes effect from the writer's next call. */
+QUARRY_EXPORT void quarry_set_enabled(quarry_handle* hdl, bool on);
+QUARRY_EXPORT bool quarry_is_enabled(quarry_handle* hdl);
+/* Whether the exit handler dumps the handle's buffer (shared by all its handles). */
+QUARRY_EXPORT void quarry_set_dump_on_exit(quarry_handle* hdl, bool on);
+QUARRY_EXPORT bool quarry_get_dump_on_exit(quarry_handle* hdl);
+
+/* ------------------------------------------------------------------------------------------ */
+/* Dumps                                                                                      */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Writes the handle's buffer to its trace file. Results: 0 complete; 1 the file could not be
+ * opened or its header or data not written; -2 a decode reference line not written; -3 a
+ * thread line not written. Failures are reported on standard output. Takes no lock. */
+QUARRY_EXPORT int quarry_dump(quarry_handle* hdl);
+/* Dumps every buffer, newest first, going on after failures. Results: 0 all complete; -1 at
+ * least one dump failed. Safe in signal handlers. */
+QUARRY_EXPORT int quarry_dump_all(void);
+
+/* ------------------------------------------------------------------------------------------ */
+/* Live configuration                                                                         */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Applies the buffer's control file, rewrites it and watches it with inotify, then attaches
+ * the watch to the host's event loop with kelp_attach_fd. Results: 0 done; the non-zero
+ * result of quarry_enable_configuration2; 6 kelp_attach_fd failed or is not linked. */
+QUARRY_EXPORT int quarry_enable_configuration(quarry_handle* hdl, void* event_loop);
+/* The same set-up without an event loop. Results: 0 set up (now or earlier); -2 `hdl` null;
+ * -1 buffer lock failed; 2 inotify_init failed; 3 F_GETFL failed; 4 F_SETFL failed;
+ * 5 inotify_add_watch on the control file failed. */
+QUARRY_EXPORT int quarry_enable_configuration2(quarry_handle* hdl);
+
+/* ------------------------------------------------------------------------------------------ */
+/* Environment                                                                                */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Reads defaults, then "/etc/quarry.setup" (else "/pkg/etc/quarry.setup"), then QUARRY_PATH
+ * and QUARRY_DEC_PATH from the environment. Returns a new record, or null when memory runs out
+ * or the setup file is malformed (a message names the line's variable and the file). */
+QUARRY_EXPORT quarry_env* quarry_get_env(void);
+/* Frees a record of quarry_get_env; null is accepted. */
+QUARRY_EXPORT void quarry_free_env(quarry_env* env);
+/* Trace base directory, ending in '/'. Borrowed from the record. */
+QUARRY_EXPORT const char* quarry_env_get_quarry_path(const quarry_env* env);
+/* Decode directory, ending in '/'. Borrowed from the record. */
+QUARRY_EXPORT const char* quarry_env_get_quarry_dec_path(const quarry_env* env);
+
+/* ------------------------------------------------------------------------------------------ */
+/* String-keyed hash table (fixed bucket count, keys not copied, values not owned, no lock)    */
+/* ------------------------------------------------------------------------------------------ */
+
+typedef struct quarry_hashtable quarry_hashtable;
+typedef struct quarry_hashtable_entry quarry_hashtable_entry;
+
+/* An iterator; may live on the caller's stack (see _quarry_hashtable_iterator_init). */
+typedef struct quarry_hashtable_iterator {
+  quarry_hashtable* table;
+  uint64_t bucket_index;
+  uint64_t returned_count;
+  quarry_hashtable_entry* last_entry;
+  quarry_hashtable_entry* next_entry;
+} quarry_hashtable_iterator;
+
+/* New table, or null when `bucket_count` is below 1, above 268435455, or memory runs out. */
+QUARRY_EXPORT quarry_hashtable* _quarry_hashtable_create(int bucket_count);
+/* Frees the entries and the table, never a key or a value. */
+QUARRY_EXPORT void _quarry_hashtable_destroy(quarry_hashtable* table);
+/* The value under `key`, or null when absent or `table` is null. */
+QUARRY_EXPORT void* _quarry_hashtable_get(quarry_hashtable* table, const char* key);
+/* Stores `value` (not null) under `key` (kept, not copied). Results: 0 stored; -1 `table` or
+ * `value` null, or no memory. `previous`, when given, receives the replaced value or null. */
+QUARRY_EXPORT int _quarry_hashtable_put(quarry_hashtable* table, const char* key, void* value,
+                                        void** previous);
+/* Removes `key`; returns its value, or null when absent or `table` is null. */
+QUARRY_EXPORT void* _quarry_hashtable_remove(quarry_hashtable* table, const char* key);
+QUARRY_EXPORT uint64_t _quarry_hashtable_get_size(quarry_hashtable* table);
+/* New iterator at the start, or null when memory runs out. */
+QUARRY_EXPORT quarry_hashtable_iterator* _quarry_hashtable_iterator_create(quarry_hashtable* table);
+/* Resets `iterator` to the start of `table`. Results: 0; -1 `iterator` null. */
+QUARRY_EXPORT int _quarry_hashtable_iterator_init(quarry_hashtable* table,
+                                                  quarry_hashtable_iterator* iterator);
+QUARRY_EXPORT void _quarry_hashtable_iterator_destroy(quarry_hashtable_iterator* iterator);
+/* Produces the next entry: 1 with *key and *value set, 0 at the end (out-pointers untouched).
+ * Order: buckets upward, each bucket newest first. */
+QUARRY_EXPORT int _quarry_hashtable_iterator_next(quarry_hashtable_iterator* iterator,
+                                                  const char** key, void** value);
+/* Removes the entry produced last. Results: 1 removed; 0 nothing to remove. */
+QUARRY_EXPORT int _quarry_hashtable_iterator_remove(quarry_hashtable_iterator* iterator);
+
+/* ------------------------------------------------------------------------------------------ */
+/* Signal-safe conversions (no allocation, no lock, no shared state)                           */
+/* ------------------------------------------------------------------------------------------ */
+
+/* Lower-case hexadecimal of `value`, right-aligned and terminated at the end of `buf`; returns
+ * the first digit, or null when `size` is below 3 or the digits do not fit. */
+QUARRY_EXPORT char* uint64_2_xstr(uint64_t value, char* buf, uint32_t size);
+/* Decimal of `value`, the same way; null when `size` is below 22. */
+QUARRY_EXPORT char* uint64_2_dstr(uint64_t value, char* buf, int32_t size);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QUARRY_QUARRY_H */

@@ -1,0 +1,36 @@
+// quarry_internal: the exported record writer.
+// Lock-free and allocation-free; callable from any thread at any rate, and from a signal
+// handler as long as the handle is not piped (the pipe step takes the buffer's mutex).
+#include "record_writer.h"
+
+#include <pthread.h>
+#include <time.h>
+
+namespace {
+
+inline uint64_t read_monotonic_ns() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// The thread word: the low 32 bits of pthread_self, the same value the THREAD lines print.
+inline uint32_t current_thread_word() {
+  return static_cast<uint32_t>(pthread_self());
+}
+
+}  // namespace
+
+extern "C" QUARRY_EXPORT void quarry_internal(quarry_handle* handle, uint32_t trace_point,
+                                              uint32_t fixed_words, uint32_t flags,
+                                              const char* signature, uint64_t spare, ...) {
+  (void)spare;  // accepted for callers' compatibility, never read
+  if (handle == nullptr) return;
+  // Relaxed: a switch only has to take effect from a later record.
+  if (handle->enabled.load(std::memory_order_relaxed) == 0) return;
+  va_list args;
+  va_start(args, spare);
+  write_record(handle, trace_point, fixed_words, flags, signature, args, read_monotonic_ns,
+               current_thread_word);
+  va_end(args);
+}

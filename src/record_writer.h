@@ -1,0 +1,213 @@
+// The record path: quarry_internal and the word-level encoding it is built from.
+// Lock-free and allocation-free: one fetch-and-add reserves a record, words are stored with
+// relaxed atomic stores, the header word last with release. Safe to run concurrently with
+// dumps and signal handlers, which may read a record before it is complete (they see its
+// previous header or none, never a header before its record).
+#pragma once
+
+#include <stdarg.h>
+#include <stdint.h>
+#include <string.h>
+
+#include "pipe_output.h"
+#include "ring.h"
+
+// A record in the ring (32-bit words, host order):
+//
+//   word 0     0xFF | escape flags 0..7 | trace point id (16 bits)     written last (release)
+//   word 1     timestamp bits 63..32                      escape flag 0
+//   word 2     timestamp bits 31..0                       escape flag 1
+//   word 3     thread word (low 32 bits of pthread_self)  escape flag 2
+//   word 4...  'd': 1 word, 'D': 2 words (high first)     escape flags 3, 4, ...
+//              's': the bytes and the NUL, zero-padded to whole words, no flag
+//   last       escape word with all flags, only when fixed_words >= 10 (six or more numeric
+//              words; callers pass 11 or more then)
+//
+// Any escapable word whose value is 0xFF000000 or above is stored with bit 31 inverted and its
+// flag set, so only header words carry 0xFF in the top byte (string bytes aside).
+constexpr uint32_t kHeaderMarker = 0xFF000000u;
+constexpr uint32_t kEscapeThreshold = 0xFEFFFFFFu;
+constexpr uint32_t kEscapeBit = 0x80000000u;
+constexpr uint32_t kFixedWordsWithoutArgs = 4;
+
+// Limits the writer enforces, so that no call can write outside the ring or its own tables:
+// - Only the first kMaxSignatureChars characters of a signature are read (the string-length
+//   table has that many slots); the rest is ignored by both argument walks alike.
+// - Escape flags exist for kMaxFlagBits escapable words; words beyond them are still escaped
+//   but carry no flag (callers keep to 29 numeric words).
+// - A record never exceeds the ring: a string that would make it longer is cut, still
+//   terminated by a NUL in its last byte.
+// - The trace point id is masked to 16 bits, so an index out of range can never turn the
+//   header into something that is not a header.
+// Every word store wraps its position, so even a caller's wrong fixed_words cannot make the
+// writer leave the ring.
+constexpr uint32_t kMaxSignatureChars = 32;
+constexpr uint32_t kMaxFlagBits = 32;
+static_assert(3 + 2 * kMaxSignatureChars > kMaxFlagBits, "flag bits are checked, not assumed");
+
+// Stores one word by the escape rule at *position (wrapped to 0 first when it is at or past
+// size_words) and advances the position. Returns the word's escape flag.
+inline bool store_word(ring_cell* words, uint32_t size_words, uint32_t value, uint32_t* position) {
+  if (*position >= size_words) *position = 0;
+  bool escaped = value > kEscapeThreshold;
+  if (escaped) value ^= kEscapeBit;
+  words[*position].store(value, std::memory_order_relaxed);
+  ++*position;
+  return escaped;
+}
+
+// Copies `bytes` bytes of a string (its characters and the terminating NUL; the NUL is written
+// from here, not read) word by word from *position, wrapping at the end of the ring exactly
+// where the words leave it. The last word is zero-padded.
+inline void copy_string(ring_cell* words, uint32_t size_words, const char* text, uint32_t bytes,
+                        uint32_t* position) {
+  if (bytes == 0) return;
+  uint32_t q = *position;
+  uint32_t chars = bytes - 1;  // bytes before the NUL
+  uint32_t offset = 0;
+  while (offset + 4 <= chars) {
+    uint32_t w;
+    memcpy(&w, text + offset, 4);
+    if (q >= size_words) q = 0;
+    words[q++].store(w, std::memory_order_relaxed);
+    offset += 4;
+  }
+  uint32_t w = 0;
+  memcpy(&w, text + offset, chars - offset);
+  if (q >= size_words) q = 0;
+  words[q++].store(w, std::memory_order_relaxed);
+  *position = q;
+}
+
+// Writes one record through `handle` (enabled, not null). Clock and ThreadWord are callables
+// returning the CLOCK_MONOTONIC nanoseconds and the thread word; quarry_internal passes the real
+// ones and tests pass fixed values. Everything here is inlined into quarry_internal.
+template <class Clock, class ThreadWord>
+inline void write_record(quarry_handle* handle, uint32_t trace_point, uint32_t fixed_words,
+                         uint32_t flags, const char* signature, va_list args, Clock&& clock,
+                         ThreadWord&& thread_word) {
+  circular_buffer* cb = handle->cb;
+  // One load gives memory and size together; a concurrent growth publishes a new pair and
+  // keeps this one valid (ring.h).
+  const ring_view ring = load_ring(cb);
+  uint32_t length = fixed_words;
+  uint32_t string_bytes[kMaxSignatureChars];
+
+  va_list walk;
+  va_copy(walk, args);
+  if (flags & QUARRY_FLAG_HAS_STRINGS) {
+    // First walk: measure the strings, so the reservation covers them. The counts measured here
+    // are the ones copied later, even if another thread changes a string in between.
+    for (uint32_t i = 0; i < kMaxSignatureChars && signature[i] != '\0'; ++i) {
+      switch (signature[i]) {
+        case 'd':
+          (void)va_arg(args, unsigned int);
+          break;
+        case 'D':
+          (void)va_arg(args, unsigned long long);
+          break;
+        case 's': {
+          const char* text = va_arg(args, const char*);
+          if (text == nullptr) text = "(null)";
+          uint32_t bytes = static_cast<uint32_t>(strnlen(text, 4ull * ring.size_words)) + 1;
+          uint32_t room_words = ring.size_words > length ? ring.size_words - length : 0;
+          if ((bytes + 3) / 4 > room_words) bytes = room_words * 4;  // cut to fit the ring
+          string_bytes[i] = bytes;
+          length += (bytes + 3) / 4;
+          break;
+        }
+        default:
+          break;
+      }
+    }
+  }
+
+  // The only point of agreement between writers: disjoint ranges of positions. Relaxed: the
+  // read-modify-write alone guarantees that no two records share a position.
+  const uint32_t reserved = cb->word_count.fetch_add(length, std::memory_order_relaxed);
+  const uint32_t mask = ring.size_words - 1;
+  const uint32_t first = reserved & mask;
+
+  uint64_t timestamp = clock();
+  const uint64_t index_mask = ts_idx_mask.load(std::memory_order_relaxed);
+  if (index_mask != 0) {
+    uint64_t index = ts_index.fetch_add(1, std::memory_order_relaxed);
+    timestamp = (timestamp & ~index_mask) | (index & index_mask);
+  }
+  cb->entry_count.fetch_add(1, std::memory_order_relaxed);
+
+  if (first + length > ring.size_words) {
+    // Only the writer whose record crosses the end updates these (one per pass over the ring).
+    cb->wraparound_count.store(cb->wraparound_count.load(std::memory_order_relaxed) + 1,
+                               std::memory_order_relaxed);
+    cb->wraparound_time.store(timestamp, std::memory_order_relaxed);
+    uint64_t elapsed = timestamp - cb->creation_time;
+    if (cb->min_wraparound_time.load(std::memory_order_relaxed) > elapsed) {
+      cb->min_wraparound_time.store(elapsed, std::memory_order_relaxed);
+    } else if (cb->max_wraparound_time.load(std::memory_order_relaxed) < elapsed) {
+      cb->max_wraparound_time.store(elapsed, std::memory_order_relaxed);
+    }
+  }
+
+  ring_cell* const words = ring.buffer;
+  const uint32_t size = ring.size_words;
+  uint32_t position = first + 1;
+  uint32_t escapes = 0;
+  escapes |= static_cast<uint32_t>(
+      store_word(words, size, static_cast<uint32_t>(timestamp >> 32), &position));
+  escapes |=
+      static_cast<uint32_t>(store_word(words, size, static_cast<uint32_t>(timestamp), &position))
+      << 1;
+  escapes |= static_cast<uint32_t>(store_word(words, size, thread_word(), &position)) << 2;
+
+  uint32_t bit = 3;
+  for (uint32_t i = 0; i < kMaxSignatureChars && signature[i] != '\0'; ++i) {
+    switch (signature[i]) {
+      case 'd': {
+        uint32_t value = va_arg(walk, unsigned int);
+        if (store_word(words, size, value, &position) && bit < kMaxFlagBits) escapes |= 1u << bit;
+        ++bit;
+        break;
+      }
+      case 'D': {
+        uint64_t value = va_arg(walk, unsigned long long);
+        if (store_word(words, size, static_cast<uint32_t>(value >> 32), &position) &&
+            bit < kMaxFlagBits) {
+          escapes |= 1u << bit;
+        }
+        ++bit;
+        if (store_word(words, size, static_cast<uint32_t>(value), &position) &&
+            bit < kMaxFlagBits) {
+          escapes |= 1u << bit;
+        }
+        ++bit;
+        break;
+      }
+      case 's': {
+        const char* text = va_arg(walk, const char*);
+        if (text == nullptr) text = "(null)";
+        // Strings were measured only when the caller declared them; an undeclared string has
+        // no reserved words and is left out rather than written over the next record.
+        if (flags & QUARRY_FLAG_HAS_STRINGS) {
+          copy_string(words, size, text, string_bytes[i], &position);
+        }
+        break;
+      }
+      default:
+        break;
+    }
+  }
+  va_end(walk);
+
+  // The escape word follows everything else. The test is on the caller's fixed word count
+  // (unsigned, so a count below 1 cannot sneak past it).
+  if (fixed_words - 1 > 8) store_word(words, size, escapes, &position);
+
+  // The header last, with release: a reader that sees it (another thread, or a dump in a
+  // signal handler on this thread) sees every word of the record before it.
+  const uint32_t header = kHeaderMarker | ((escapes & 0xFFu) << 16) |
+                          ((trace_point + handle->first_trace_point_id) & 0xFFFFu);
+  words[first].store(header, std::memory_order_release);
+
+  if (handle->pipe.load(std::memory_order_relaxed)) pipe_record(cb, first, length);
+}

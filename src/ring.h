@@ -1,0 +1,59 @@
+// Buffer memory and growth: what a record writer may load without a lock.
+// Thread contract: load_ring is lock-free and async-signal-safe; set_circular_buffer_size
+// takes the buffer's mutex and never frees memory a writer may still be filling.
+#pragma once
+
+#include <stdint.h>
+
+#include <atomic>
+
+#include "buffer.h"
+
+// A buffer's record memory is an array of 32-bit words, each stored and loaded atomically
+// (relaxed: plain moves on x86-64) so that dumps, growth and the pipe may read words while
+// writers store them without a data race in the language's sense.
+using ring_cell = std::atomic<uint32_t>;
+static_assert(sizeof(ring_cell) == 4 && ring_cell::is_always_lock_free,
+              "a ring word must be a plain 32-bit word in memory");
+
+// The ring word of a circular_buffer:
+//
+//   63                                                      6 5        0
+//  +---------------------------------------------------------+----------+
+//  |  address of the word array (64-byte aligned)            | log2(n)  |
+//  +---------------------------------------------------------+----------+
+//
+// n = size_words, a power of two from 2^10 (4 KiB) to 2^29 (2 GiB). The whole word is 0 while
+// the buffer has no memory. A writer loads it once per record (acquire, which pairs with the
+// release store of the grower so the zeroed and copied words happen-before the writer's
+// stores), so memory and size always belong together. Old arrays are never freed: a writer
+// that loaded the previous ring just before a growth finishes its record in the old array,
+// which stays valid until the process ends; that record is then missing from later dumps.
+constexpr uint64_t kRingShiftBits = 0x3f;
+constexpr uint32_t kRingAlignment = 64;
+constexpr uint32_t kMinBufferBytes = 4096;
+static_assert((kMinBufferBytes & (kMinBufferBytes - 1)) == 0, "ring sizes are powers of two");
+static_assert(kMinBufferBytes % kRingAlignment == 0, "ring sizes are whole alignment units");
+
+struct ring_view {
+  ring_cell* buffer;
+  uint32_t size_words;  // a power of two, or 0 when the buffer has no memory yet
+};
+
+inline ring_view unpack_ring(uint64_t word) {
+  uint32_t shift = static_cast<uint32_t>(word & kRingShiftBits);
+  return ring_view{reinterpret_cast<ring_cell*>(word & ~kRingShiftBits),
+                   word == 0 ? 0u : (1u << shift)};
+}
+
+inline ring_view load_ring(const circular_buffer* cb) {
+  return unpack_ring(cb->ring.load(std::memory_order_acquire));
+}
+
+// Smallest power of two not below x; 1 when x is above 2^31 (no 32-bit answer exists).
+uint32_t next_pow2(uint32_t x);
+
+// Gives the buffer max(4096, next_pow2(size)) bytes unless it already has as much; never
+// shrinks. Results: 0 done (or nothing to do); 1 no memory (buffer unchanged); -1 the buffer's
+// mutex could not be locked.
+int set_circular_buffer_size(circular_buffer* cb, unsigned int size);

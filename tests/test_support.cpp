@@ -1,0 +1,78 @@
+// A private trace base directory per test process, created before main and removed at exit
+// after the library's own exit handler has run.
+#include "test_support.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace quarry_test {
+namespace {
+
+std::string g_base;
+
+void remove_base_dir() {
+  if (g_base.empty()) return;
+  std::string command = "rm -rf '" + g_base + "'";
+  if (system(command.c_str()) != 0) return;
+}
+
+// Runs before main: the library reads QUARRY_PATH once, at the first open. The removal is
+// registered with atexit before any open can register the library's exit dump, so it runs after
+// that dump (atexit handlers run in reverse order).
+struct BaseDirSetup {
+  BaseDirSetup() {
+    const char* tmp = getenv("TMPDIR");
+    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/quarry-test-XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()) == nullptr) abort();
+    g_base = std::string(buf.data()) + "/";
+    setenv("QUARRY_PATH", g_base.c_str(), 1);
+    setenv("QUARRY_DEC_PATH", g_base.c_str(), 1);
+    atexit(remove_base_dir);
+  }
+} g_setup;
+
+}  // namespace
+
+const std::string& base_dir() {
+  return g_base;
+}
+
+std::string make_dir(const std::string& name) {
+  std::string path = g_base + name + "/";
+  mkdir(path.c_str(), 0777);
+  return path;
+}
+
+bool file_exists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+void write_file(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+std::vector<uint32_t> words_of(const std::string& bytes) {
+  std::vector<uint32_t> words(bytes.size() / 4);
+  memcpy(words.data(), bytes.data(), words.size() * 4);
+  return words;
+}
+
+}  // namespace quarry_test
