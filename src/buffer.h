@@ -13,6 +13,7 @@
 #include "quarry/quarry.h"
 
 struct circular_buffer;
+struct retired_ring;
 
 // One opened handle name. Allocated as one block: the fixed fields, then the inline
 // NUL-terminated `decode_file` string.
@@ -44,6 +45,7 @@ using ring_word = std::atomic<uint64_t>;
 struct circular_buffer {
   char* output_header;  // open block of the trace file header; null when it was not built
   ring_word ring;       // `buffer` and `size_words`, published together (ring.h)
+  retired_ring* retired_rings;  // arrays replaced by growth, kept for late writers (ring.h)
   std::atomic<uint32_t> word_count;  // words reserved since creation; wraps at 2^32
   char* output_file_name;            // buffer directory + "quarry"
   char* ctrl_file_name;              // buffer directory + "quarry.ctrl"

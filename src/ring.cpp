@@ -32,9 +32,18 @@ int set_circular_buffer_size(circular_buffer* cb, unsigned int size) {
     return 0;
   }
   uint32_t words = target / 4;
+  retired_ring* retired = nullptr;
+  if (current.buffer != nullptr) {
+    retired = static_cast<retired_ring*>(malloc(sizeof(retired_ring)));
+    if (retired == nullptr) {
+      QUARRY_UNLOCK_CB(cb);
+      return 1;
+    }
+  }
   // 64-byte alignment leaves the low six bits of the address free for log2(size_words).
   void* memory = aligned_alloc(kRingAlignment, target);
   if (memory == nullptr) {
+    free(retired);
     QUARRY_UNLOCK_CB(cb);
     return 1;
   }
@@ -48,8 +57,13 @@ int set_circular_buffer_size(circular_buffer* cb, unsigned int size) {
   }
   uint64_t packed = reinterpret_cast<uint64_t>(memory) | log2_of_pow2(words);
   // Release: the zeroed and copied words happen-before any store by a writer that loads this
-  // ring (acquire in load_ring). The old array is deliberately leaked (see ring.h).
+  // ring (acquire in load_ring). The old array stays allocated (see ring.h).
   cb->ring.store(packed, std::memory_order_release);
+  if (retired != nullptr) {
+    retired->memory = current.buffer;
+    retired->next = cb->retired_rings;
+    cb->retired_rings = retired;
+  }
   QUARRY_UNLOCK_CB(cb);
   return 0;
 }

@@ -35,6 +35,13 @@ constexpr uint32_t kMinBufferBytes = 4096;
 static_assert((kMinBufferBytes & (kMinBufferBytes - 1)) == 0, "ring sizes are powers of two");
 static_assert(kMinBufferBytes % kRingAlignment == 0, "ring sizes are whole alignment units");
 
+// An array replaced by growth. Kept on the buffer's list, never freed: a writer that loaded the
+// old ring may still be storing into it. The list also keeps it reachable for leak checkers.
+struct retired_ring {
+  void* memory;
+  retired_ring* next;
+};
+
 struct ring_view {
   ring_cell* buffer;
   uint32_t size_words;  // a power of two, or 0 when the buffer has no memory yet
