@@ -71,7 +71,7 @@ void write_file(const std::string& path, const std::string& content) {
 
 std::vector<uint32_t> words_of(const std::string& bytes) {
   std::vector<uint32_t> words(bytes.size() / 4);
-  memcpy(words.data(), bytes.data(), words.size() * 4);
+  if (!words.empty()) memcpy(words.data(), bytes.data(), words.size() * 4);
   return words;
 }
 
