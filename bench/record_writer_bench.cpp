@@ -40,10 +40,10 @@ void open_handles() {
 void BM_Floor(benchmark::State& state) {
   circular_buffer* cb = g_floor->cb;
   for (auto _ : state) {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
     ring_view ring = load_ring(cb);
     uint32_t p = cb->word_count.fetch_add(4, std::memory_order_relaxed) & (ring.size_words - 1);
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
     uint32_t index = ts_index.fetch_add(1, std::memory_order_relaxed);
     cb->entry_count.fetch_add(1, std::memory_order_relaxed);
     uint64_t t = static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + ts.tv_nsec + index;

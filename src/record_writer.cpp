@@ -28,9 +28,17 @@ extern "C" QUARRY_EXPORT void quarry_internal(quarry_handle* handle, uint32_t tr
   if (handle == nullptr) return;
   // Relaxed: a switch only has to take effect from a later record.
   if (handle->enabled.load(std::memory_order_relaxed) == 0) return;
+  // Two walks of the arguments for records with strings: a second va_start costs four stores,
+  // where va_copy would read the fresh va_list back (a store-forwarding stall) and keep the
+  // writer from being inlined here.
+  va_list measure;
+  if (flags & QUARRY_FLAG_HAS_STRINGS) va_start(measure, spare);
   va_list args;
   va_start(args, spare);
-  write_record(handle, trace_point, fixed_words, flags, signature, args, read_monotonic_ns,
-               current_thread_word);
+  // Lambdas, not function pointers, so that the clock and the thread word are inlined.
+  write_record(
+      handle, trace_point, fixed_words, flags, signature, measure, args,
+      [] { return read_monotonic_ns(); }, [] { return current_thread_word(); });
   va_end(args);
+  if (flags & QUARRY_FLAG_HAS_STRINGS) va_end(measure);
 }

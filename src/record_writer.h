@@ -79,13 +79,19 @@ inline void copy_string(ring_cell* words, uint32_t size_words, const char* text,
   *position = q;
 }
 
-// Writes one record through `handle` (enabled, not null). Clock and ThreadWord are callables
-// returning the CLOCK_MONOTONIC nanoseconds and the thread word; quarry_internal passes the real
-// ones and tests pass fixed values. Everything here is inlined into quarry_internal.
+// Writes one record through `handle` (enabled, not null). `args` walks the variable arguments
+// for the words; `measure`, a second va_start of the same arguments, walks them once before
+// for the string lengths and is only touched when `flags` declares strings (the caller starts it
+// only then). Clock and ThreadWord are callables returning the CLOCK_MONOTONIC nanoseconds and
+// the thread word: quarry_internal passes the real ones, tests pass fixed values. Everything
+// here is inlined into the caller (no va_copy here: it would forbid inlining).
 template <class Clock, class ThreadWord>
-inline void write_record(quarry_handle* handle, uint32_t trace_point, uint32_t fixed_words,
-                         uint32_t flags, const char* signature, va_list args, Clock&& clock,
-                         ThreadWord&& thread_word) {
+__attribute__((always_inline)) inline void write_record(quarry_handle* handle,
+                                                        uint32_t trace_point,
+                                                        uint32_t fixed_words, uint32_t flags,
+                                                        const char* signature, va_list measure,
+                                                        va_list args, Clock&& clock,
+                                                        ThreadWord&& thread_word) {
   circular_buffer* cb = handle->cb;
   // One load gives memory and size together; a concurrent growth publishes a new pair and
   // keeps this one valid (ring.h).
@@ -93,21 +99,19 @@ inline void write_record(quarry_handle* handle, uint32_t trace_point, uint32_t f
   uint32_t length = fixed_words;
   uint32_t string_bytes[kMaxSignatureChars];
 
-  va_list walk;
-  va_copy(walk, args);
   if (flags & QUARRY_FLAG_HAS_STRINGS) {
     // First walk: measure the strings, so the reservation covers them. The counts measured here
     // are the ones copied later, even if another thread changes a string in between.
     for (uint32_t i = 0; i < kMaxSignatureChars && signature[i] != '\0'; ++i) {
       switch (signature[i]) {
         case 'd':
-          (void)va_arg(args, unsigned int);
+          (void)va_arg(measure, unsigned int);
           break;
         case 'D':
-          (void)va_arg(args, unsigned long long);
+          (void)va_arg(measure, unsigned long long);
           break;
         case 's': {
-          const char* text = va_arg(args, const char*);
+          const char* text = va_arg(measure, const char*);
           if (text == nullptr) text = "(null)";
           uint32_t bytes = static_cast<uint32_t>(strnlen(text, 4ull * ring.size_words)) + 1;
           uint32_t room_words = ring.size_words > length ? ring.size_words - length : 0;
@@ -164,13 +168,13 @@ inline void write_record(quarry_handle* handle, uint32_t trace_point, uint32_t f
   for (uint32_t i = 0; i < kMaxSignatureChars && signature[i] != '\0'; ++i) {
     switch (signature[i]) {
       case 'd': {
-        uint32_t value = va_arg(walk, unsigned int);
+        uint32_t value = va_arg(args, unsigned int);
         if (store_word(words, size, value, &position) && bit < kMaxFlagBits) escapes |= 1u << bit;
         ++bit;
         break;
       }
       case 'D': {
-        uint64_t value = va_arg(walk, unsigned long long);
+        uint64_t value = va_arg(args, unsigned long long);
         if (store_word(words, size, static_cast<uint32_t>(value >> 32), &position) &&
             bit < kMaxFlagBits) {
           escapes |= 1u << bit;
@@ -184,7 +188,7 @@ inline void write_record(quarry_handle* handle, uint32_t trace_point, uint32_t f
         break;
       }
       case 's': {
-        const char* text = va_arg(walk, const char*);
+        const char* text = va_arg(args, const char*);
         if (text == nullptr) text = "(null)";
         // Strings were measured only when the caller declared them; an undeclared string has
         // no reserved words and is left out rather than written over the next record.
@@ -197,7 +201,6 @@ inline void write_record(quarry_handle* handle, uint32_t trace_point, uint32_t f
         break;
     }
   }
-  va_end(walk);
 
   // The escape word follows everything else. The test is on the caller's fixed word count
   // (unsigned, so a count below 1 cannot sneak past it).

@@ -26,11 +26,14 @@ quarry_handle* open_handle(const char* name, unsigned size, unsigned count,
 // Writes one record with a chosen timestamp and thread word through the real encoder.
 void write_fixed(quarry_handle* h, uint32_t tp, uint32_t fixed, uint32_t flags, const char* sig,
                  uint64_t ts, uint32_t thread, ...) {
+  va_list measure;
   va_list args;
+  va_start(measure, thread);
   va_start(args, thread);
   write_record(
-      h, tp, fixed, flags, sig, args, [ts] { return ts; }, [thread] { return thread; });
+      h, tp, fixed, flags, sig, measure, args, [ts] { return ts; }, [thread] { return thread; });
   va_end(args);
+  va_end(measure);
 }
 
 std::vector<uint32_t> ring_words(quarry_handle* h, uint32_t from, uint32_t count) {
