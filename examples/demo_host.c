@@ -35,7 +35,7 @@ static void trace_some(unsigned worker, unsigned round) {
   unsigned id = worker * 100000 + round;
   QUARRY_TRACE(net, NET_REQUEST, "ds", id, paths[round % 4]);
   QUARRY_TRACE(net_io, IO_READ, "dd", 7 + worker, 512 + round % 1024);
-  QUARRY_TRACE(net, NET_REPLY, "dD", round % 7 == 0 ? 404 : 200, 1000000000ull * worker + round);
+  QUARRY_TRACE(net, NET_REPLY, "dD", round % 7 == 0 ? 404 : 200, 5000000000ull + 1000ull * id);
   QUARRY_TRACE(net_io, IO_WRITE, "dd", 7 + worker, 2048);
   QUARRY_TRACE(app, APP_TICK, "d", round);
 }
