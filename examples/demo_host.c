@@ -67,13 +67,13 @@ static int run_live(unsigned seconds) {
     return 1;
   }
   const char* base = getenv("QUARRY_PATH");
-  printf("\nLive configuration is on. Try, from another shell:\n");
-  printf("  cat %s/demo_host/net/quarry.ctrl\n", base ? base : "/dev/shm/quarry");
-  printf(
-      "  sed -i 's/^TRACE net\\/io$/NOTRACE net\\/io/' .../net/quarry.ctrl   # switch a handle "
-      "off\n");
-  printf("  mkfifo .../net/quarry.pipe && cat .../net/quarry.pipe | quarry-decode -\n");
-  printf("  kill -%d %d    # dump every buffer now\n", SIGRTMAX - 2, (int)getpid());
+  if (base == NULL) base = "/dev/shm/quarry/";
+  printf("\nLive configuration is on. From another shell, in %sdemo_host/net/:\n", base);
+  printf("  echo \"NOTRACE net/io\" >> quarry.ctrl     # switch a handle off\n");
+  printf("  echo \"MAX_SIZE 1048576\" >> quarry.ctrl   # grow the buffer\n");
+  printf("  mkfifo quarry.pipe; echo \"PIPE net\" >> quarry.ctrl; quarry-decode quarry.pipe\n");
+  printf("  kill -%d %d                          # dump every buffer now\n", SIGRTMAX - 2,
+         (int)getpid());
   printf("Ctrl-C dumps every buffer and ends the process.\n");
   fflush(stdout);
   for (unsigned tick = 0; seconds == 0 || tick < seconds * 10; ++tick) {
