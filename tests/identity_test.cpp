@@ -22,18 +22,13 @@ std::string thread_line(const char* name, pthread_t thread) {
          std::to_string(static_cast<int32_t>(static_cast<uint32_t>(thread))) + "\n";
 }
 
-// The texts of the entries appended after `before` (null: the whole list).
-std::vector<std::string> entries_after(thread_name_entry* before) {
+// The texts of all entries, in list order.
+std::vector<std::string> entries() {
   std::vector<std::string> texts;
-  thread_name_entry* e = before ? before->next.load() : thread_name_list.load();
-  for (; e != nullptr; e = e->next.load()) texts.push_back(e->text);
+  for (thread_name_entry* e = thread_name_list.load(); e != nullptr; e = e->next.load()) {
+    texts.push_back(e->text);
+  }
   return texts;
-}
-
-thread_name_entry* list_tail() {
-  thread_name_entry* e = thread_name_list.load();
-  while (e != nullptr && e->next.load() != nullptr) e = e->next.load();
-  return e;
 }
 
 TEST(ProcessName, SpacesBecomeUnderscoresAndLongNamesAreCut) {
@@ -54,12 +49,11 @@ TEST(ProcessName, SpacesBecomeUnderscoresAndLongNamesAreCut) {
 }
 
 TEST(ThreadNames, EntriesFollowCallOrderAndNameTheCallingThread) {
-  thread_name_entry* before = list_tail();
+  const size_t before = entries().size();
   testing::internal::CaptureStderr();
   EXPECT_EQ(0, quarry_set_current_thread_name("a"));
   EXPECT_EQ(0, quarry_set_current_thread_name("b"));
   EXPECT_EQ("", testing::internal::GetCapturedStderr());
-
   // The deprecated spelling warns and still names the caller, not the thread it was given.
   pthread_t main_thread = pthread_self();
   pthread_t worker_thread{};
@@ -75,11 +69,12 @@ TEST(ThreadNames, EntriesFollowCallOrderAndNameTheCallingThread) {
 
   const std::string long_name(80, 'n');
   EXPECT_EQ(0, quarry_set_current_thread_name(long_name.c_str()));
-  std::string long_line = thread_line(long_name.c_str(), main_thread).substr(0, 63);
-
+  std::vector<std::string> added = entries();
+  added.erase(added.begin(), added.begin() + before);
   EXPECT_EQ((std::vector<std::string>{thread_line("a", main_thread), thread_line("b", main_thread),
-                                      thread_line("w", worker_thread), long_line}),
-            entries_after(before));
+                                      thread_line("w", worker_thread),
+                                      thread_line(long_name.c_str(), main_thread).substr(0, 63)}),
+            added);
 }
 
 }  // namespace

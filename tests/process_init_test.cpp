@@ -22,6 +22,7 @@ int64_t (*step_for)(int n);
 int64_t now_ns;
 int reads;
 int fail_at;
+constexpr uint32_t kUntouched = 0x77;
 
 int scripted_clock(struct timespec* t) {
   if (reads == fail_at) return -1;
@@ -31,60 +32,52 @@ int scripted_clock(struct timespec* t) {
   return 0;
 }
 
-class Calibration : public ::testing::Test {
- protected:
-  // Runs calibrate_clock on the scripted clock; returns what it printed.
-  std::string calibrate(int64_t (*steps)(int), int fail = -1) {
-    step_for = steps;
-    now_ns = 999999000;
-    reads = 0;
-    fail_at = fail;
-    ts_idx_mask.store(kUntouched);
-    set_calibration_clock(scripted_clock);
-    testing::internal::CaptureStderr();
-    calibrate_clock();
-    set_calibration_clock(nullptr);
-    return testing::internal::GetCapturedStderr();
+// Runs calibrate_clock on the scripted clock; returns what it printed.
+std::string calibrate(int64_t (*steps)(int), int fail) {
+  step_for = steps;
+  now_ns = 999999000;
+  reads = 0;
+  fail_at = fail;
+  ts_idx_mask.store(kUntouched);
+  ts_index.store(kUntouched);
+  set_calibration_clock(scripted_clock);
+  testing::internal::CaptureStderr();
+  calibrate_clock();
+  set_calibration_clock(nullptr);
+  return testing::internal::GetCapturedStderr();
+}
+
+TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
+  const std::string timeout =
+      "quarry_mem_impl failed to compute minimal resolution within 2s. Assuming high "
+      "resolution\n";
+  const struct {
+    int64_t (*steps)(int);
+    int fail_at;
+    std::string message;
+    uint64_t res, mask;
+    uint32_t index;
+  } cases[] = {
+      // A 4 ms clock whose readings repeat twice before each step: the repeats are not steps.
+      {[](int n) -> int64_t { return n % 3 == 2 ? 4000000 : 0; }, -1, "", 4000000, (1u << 21) - 1,
+       (1u << 21) - 1 - 5},
+      {[](int) -> int64_t { return 99; }, -1, "", 1, 1, kUntouched},  // fine: counts as 1 ns
+      // Steps above 10 ms are preemptions, never the resolution: with only such steps the
+      // time-out comes with nothing found; after some good steps it keeps the smallest one.
+      // Either way the mask stays as it was.
+      {[](int) -> int64_t { return 20000000; }, -1, timeout, UINT64_MAX, kUntouched, kUntouched},
+      {[](int n) -> int64_t { return n < 6 ? 5000000 : 20000000; }, -1, timeout, 5000000,
+       kUntouched, kUntouched},
+      // A clock read that fails stops the calibration where it is.
+      {[](int) -> int64_t { return 3000000; }, 0, "", UINT64_MAX, kUntouched, kUntouched},
+      {[](int) -> int64_t { return 3000000; }, 7, "", 3000000, kUntouched, kUntouched},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.message, calibrate(c.steps, c.fail_at));
+    EXPECT_EQ(c.res, ts_res.load());
+    EXPECT_EQ(c.mask, ts_idx_mask.load());
+    EXPECT_EQ(c.index, ts_index.load());
   }
-  static constexpr uint64_t kUntouched = 0x77;
-};
-
-const char kTimeout[] =
-    "quarry_mem_impl failed to compute minimal resolution within 2s. Assuming high resolution\n";
-
-TEST_F(Calibration, CoarseClockGetsAnIndexMaskBelowItsStep) {
-  // Every reading repeats twice before a 4 ms step: the repeats are not steps.
-  EXPECT_EQ("", calibrate([](int n) -> int64_t { return n % 3 == 2 ? 4000000 : 0; }));
-  EXPECT_EQ(4000000u, ts_res.load());
-  EXPECT_EQ((uint64_t{1} << 21) - 1, ts_idx_mask.load());
-  EXPECT_EQ((1u << 21) - 1 - 5, ts_index.load());
-}
-
-TEST_F(Calibration, FineClockCountsAsOneNanosecond) {
-  EXPECT_EQ("", calibrate([](int) -> int64_t { return 99; }));
-  EXPECT_EQ(1u, ts_res.load());
-  EXPECT_EQ(1u, ts_idx_mask.load());
-}
-
-TEST_F(Calibration, LongStepsAreDiscardedUntilTheTimeOut) {
-  // Steps above 10 ms are preemptions, never the resolution: a clock that only makes such
-  // steps runs into the time-out with nothing found, and the mask stays as it was.
-  EXPECT_EQ(kTimeout, calibrate([](int) -> int64_t { return 20000000; }));
-  EXPECT_EQ(UINT64_MAX, ts_res.load());
-  EXPECT_EQ(kUntouched, ts_idx_mask.load());
-  // After some good steps, the time-out keeps the smallest one found.
-  EXPECT_EQ(kTimeout, calibrate([](int n) -> int64_t { return n < 6 ? 5000000 : 20000000; }));
-  EXPECT_EQ(5000000u, ts_res.load());
-  EXPECT_EQ(kUntouched, ts_idx_mask.load());
-}
-
-TEST_F(Calibration, UnreadableClockStopsWhereItIs) {
-  auto step = [](int) -> int64_t { return 3000000; };
-  EXPECT_EQ("", calibrate(step, 0));
-  EXPECT_EQ(UINT64_MAX, ts_res.load());
-  EXPECT_EQ("", calibrate(step, 7));
-  EXPECT_EQ(3000000u, ts_res.load());
-  EXPECT_EQ(kUntouched, ts_idx_mask.load());
 }
 
 class FirstOpens : public ::testing::Test {
@@ -102,7 +95,6 @@ TEST_F(FirstOpens, InfoFileAppearsWithTheSecondOpenAndIsWrittenOnce) {
   std::string derived = program_invocation_name;
   for (char& c : derived) c = c == '/' ? '_' : c;
   const std::string info = quarry_test::base_dir() + derived + "/quarry.info";
-
   ASSERT_EQ(0, open("first"));
   EXPECT_EQ(derived, process_name);
   EXPECT_FALSE(quarry_test::file_exists(info));  // the process directory came after it
@@ -111,18 +103,9 @@ TEST_F(FirstOpens, InfoFileAppearsWithTheSecondOpenAndIsWrittenOnce) {
                 std::to_string(SIGRTMAX - 2) + "\n",
             quarry_test::read_file(info));
   EXPECT_EQ(getpid(), quarry_get_process_id());
-
   ASSERT_EQ(0, unlink(info.c_str()));
   ASSERT_EQ(0, open("third"));
   EXPECT_FALSE(quarry_test::file_exists(info));
-}
-
-TEST_F(FirstOpens, HostNameIsKept) {
-  quarry_set_process_name("svc one");
-  ASSERT_EQ(0, open("buf"));
-  ASSERT_EQ(0, open("buf2"));
-  EXPECT_TRUE(quarry_test::file_exists(quarry_test::base_dir() + "svc_one/buf/"));
-  EXPECT_TRUE(quarry_test::file_exists(quarry_test::base_dir() + "svc_one/quarry.info"));
 }
 
 TEST_F(FirstOpens, BaseDirectoryThroughARegularFileFailsOnlyTheInfoFile) {
@@ -141,7 +124,8 @@ TEST_F(FirstOpens, BaseDirectoryThroughARegularFileFailsOnlyTheInfoFile) {
   EXPECT_EQ(0, std::string(h->cb->output_file_name).rfind(file + "/x/", 0));
 }
 
-TEST_F(FirstOpens, MalformedSetupFileFallsBackToDefaultsAndEnvironment) {
+TEST_F(FirstOpens, HostNameIsKeptAndAMalformedSetupFileFallsBackToTheEnvironment) {
+  quarry_set_process_name("svc one");
   const std::string setup = quarry_test::make_dir("setup") + "quarry.setup";
   quarry_test::write_file(setup, "QUARRY_PATH=/elsewhere\nbad line\n");
   const char* candidates[] = {setup.c_str(), nullptr};
@@ -150,10 +134,12 @@ TEST_F(FirstOpens, MalformedSetupFileFallsBackToDefaultsAndEnvironment) {
   EXPECT_EQ(0, open("a"));
   EXPECT_EQ("Missing '=' after variable bad while parsing " + setup + "\n",
             testing::internal::GetCapturedStderr());
+  set_setup_file_candidates(nullptr);
   EXPECT_EQ(quarry_test::base_dir(), quarry_env_get_quarry_path(process_env));
   EXPECT_EQ(0, open("b"));
   EXPECT_EQ(1, init_done);
-  set_setup_file_candidates(nullptr);
+  EXPECT_TRUE(quarry_test::file_exists(quarry_test::base_dir() + "svc_one/a/"));
+  EXPECT_TRUE(quarry_test::file_exists(quarry_test::base_dir() + "svc_one/quarry.info"));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <string>
 
@@ -11,80 +12,61 @@
 
 namespace {
 
-// A 40-byte area filled with '#'; conversions get a prefix of it, so bytes past `size` show
-// any write beyond the area and untouched bytes in front of the digits stay '#'.
-struct Area {
-  char bytes[40];
-  Area() { std::fill(std::begin(bytes), std::end(bytes), '#'); }
-  std::string str(size_t from, size_t to) const { return std::string(bytes + from, bytes + to); }
-};
-
-TEST(Uint64ToHex, RightAlignsLowerCaseDigits) {
-  Area a;
-  EXPECT_EQ(uint64_2_xstr(0, a.bytes, 32), a.bytes + 30);
-  EXPECT_EQ(a.str(29, 33), std::string("#0\0#", 4));
-
-  Area b;
-  EXPECT_EQ(uint64_2_xstr(UINT64_MAX, b.bytes, 32), b.bytes + 15);
-  EXPECT_EQ(b.str(14, 33), std::string("#ffffffffffffffff\0#", 19));
-
-  Area c;
-  EXPECT_STREQ(uint64_2_xstr(0xabcdef0123456789, c.bytes, 32), "abcdef0123456789");
-  EXPECT_STREQ(uint64_2_xstr(0x10, c.bytes, 32), "10");
-
-  // The smallest areas that fit exactly.
-  Area d;
-  EXPECT_EQ(uint64_2_xstr(255, d.bytes, 3), d.bytes);
-  EXPECT_EQ(d.str(0, 4), std::string("ff\0#", 4));
-  EXPECT_EQ(uint64_2_xstr(UINT64_MAX, d.bytes, 17), d.bytes);
-  EXPECT_EQ(d.str(0, 18), std::string("ffffffffffffffff\0#", 18));
-}
-
-TEST(Uint64ToHex, RefusesAreasTooSmallWithoutWriting) {
-  Area a;
-  EXPECT_EQ(uint64_2_xstr(255, a.bytes, 2), nullptr);
-  EXPECT_EQ(uint64_2_xstr(0, a.bytes, 0), nullptr);
-  // Size 3 and up is refused too when this value's digits do not fit.
-  EXPECT_EQ(uint64_2_xstr(0x1234, a.bytes + 8, 4), nullptr);
-  EXPECT_EQ(uint64_2_xstr(UINT64_MAX, a.bytes + 8, 16), nullptr);
-  EXPECT_EQ(a.str(0, 40), std::string(40, '#'));
-}
-
-TEST(Uint64ToDecimal, NeedsTwentyTwoBytes) {
-  Area a;
-  EXPECT_EQ(uint64_2_dstr(UINT64_MAX, a.bytes, 22), a.bytes + 1);
-  EXPECT_EQ(a.str(0, 23), std::string("#18446744073709551615\0#", 23));
-
-  Area b;
-  EXPECT_EQ(uint64_2_dstr(0, b.bytes, 32), b.bytes + 30);
-  EXPECT_EQ(b.str(29, 33), std::string("#0\0#", 4));
-  EXPECT_STREQ(uint64_2_dstr(10, b.bytes, 32), "10");
-  EXPECT_STREQ(uint64_2_dstr(1234567890, b.bytes, 32), "1234567890");
-
-  Area c;
-  EXPECT_EQ(uint64_2_dstr(7, c.bytes, 21), nullptr);
-  EXPECT_EQ(uint64_2_dstr(7, c.bytes, -1), nullptr);
-  EXPECT_EQ(c.str(0, 40), std::string(40, '#'));
+TEST(Conversions, DigitsEndTheAreaAndRefusalsWriteNothing) {
+  const struct {
+    bool hex;
+    uint64_t value;
+    int32_t size;
+    const char* digits;  // null: refused
+  } cases[] = {
+      {true, 0, 32, "0"},
+      {true, UINT64_MAX, 32, "ffffffffffffffff"},
+      {true, 0xabcdef0123456789, 32, "abcdef0123456789"},
+      {true, 0x10, 32, "10"},
+      {true, 255, 3, "ff"},  // the smallest areas that fit exactly
+      {true, UINT64_MAX, 17, "ffffffffffffffff"},
+      {true, 255, 2, nullptr},
+      {true, 0, 0, nullptr},
+      {true, 0x1234, 4, nullptr},  // size 3 and up is refused too when the digits do not fit
+      {true, UINT64_MAX, 16, nullptr},
+      {false, UINT64_MAX, 22, "18446744073709551615"},
+      {false, 0, 32, "0"},
+      {false, 10, 32, "10"},
+      {false, 1234567890, 32, "1234567890"},
+      {false, 7, 21, nullptr},  // decimal always needs 22 bytes
+      {false, 7, -1, nullptr},
+  };
+  for (const auto& c : cases) {
+    // A 40-byte area of '#': bytes past `size` show a write beyond the area, and bytes in
+    // front of the digits must stay '#'.
+    char area[40];
+    std::fill(std::begin(area), std::end(area), '#');
+    char* result = c.hex ? uint64_2_xstr(c.value, area, static_cast<uint32_t>(c.size))
+                         : uint64_2_dstr(c.value, area, c.size);
+    std::string expected(sizeof area, '#');
+    if (c.digits == nullptr) {
+      EXPECT_EQ(nullptr, result) << c.value << " in " << c.size;
+    } else {
+      size_t start = c.size - strlen(c.digits) - 1;
+      EXPECT_EQ(area + start, result) << c.digits;
+      expected.replace(start, strlen(c.digits) + 1, std::string(c.digits) + '\0');
+    }
+    EXPECT_EQ(expected, std::string(area, sizeof area)) << c.value << " in " << c.size;
+  }
 }
 
 TEST(BoundedCopy, CutsTerminatesAndPads) {
-  const std::string long_text(300, 'x');
-  char big[260];
-  std::fill(std::begin(big), std::end(big), '#');
-  EXPECT_EQ(bounded_copy(big, long_text.c_str(), 256), big);
-  EXPECT_EQ(std::string(big), std::string(255, 'x'));
-  EXPECT_EQ(big[256], '#');
-
-  Area a;
-  EXPECT_STREQ(bounded_copy(a.bytes, "abc", 3), "ab");
-  EXPECT_EQ(a.bytes[3], '#');
-  EXPECT_STREQ(bounded_copy(a.bytes, "abc", 1), "");
-  EXPECT_EQ(a.bytes[1], 'b');
-
+  char area[9];
+  std::fill(std::begin(area), std::end(area), '#');
+  EXPECT_EQ(bounded_copy(area, "abc", 3), area);
+  EXPECT_STREQ(area, "ab");
+  EXPECT_EQ(area[3], '#');
+  EXPECT_STREQ(bounded_copy(area, "abc", 1), "");
+  EXPECT_EQ(area[1], 'b');
   // A short source fills the rest of the first n - 1 bytes with NUL, and no further.
-  Area b;
-  bounded_copy(b.bytes, "ab", 8);
-  EXPECT_EQ(b.str(0, 9), std::string("ab\0\0\0\0\0\0#", 9));
+  std::fill(std::begin(area), std::end(area), '#');
+  bounded_copy(area, "ab", 8);
+  EXPECT_EQ(std::string(area, 9), std::string("ab\0\0\0\0\0\0#", 9));
 }
 
 }  // namespace
