@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <memory>
+#include <stdexcept>
 
 #include "decode_test_support.h"
 
@@ -11,262 +11,214 @@ using namespace decode_test;
 
 namespace {
 
-// A strict JSON reader (RFC 8259), enough to check the output and look into it.
-struct Json {
-  enum Kind { kNull, kBool, kNumber, kString, kArray, kObject } kind = kNull;
-  std::string text;  // a number's literal, a string's value, "true" or "false"
-  std::vector<Json> items;
-  std::map<std::string, Json> members;
+using JsonMap = std::map<std::string, std::string>;
 
-  const Json& operator[](const std::string& key) const {
-    static const Json missing;
-    auto it = members.find(key);
-    return it == members.end() ? missing : it->second;
+// A strict reader of what the formatters write: objects, arrays, strings with escapes (\u only
+// below U+0800), numbers, true, false and null; anything else, or text after the value, throws.
+// It maps the path of every value ("args.path", "3.ts"; "" for the document) to its text: a
+// string's value after a '"', a number or literal as written, "{" or "[" for a container.
+struct JsonReader {
+  explicit JsonReader(const std::string& text) : s(text) {}
+  const std::string& s;
+  size_t i = 0;
+  JsonMap flat;
+
+  JsonMap document() {
+    value("");
+    if (next() != '\0') fail("text after the value");
+    return flat;
   }
-  bool has(const std::string& key) const { return members.count(key) != 0; }
-};
-
-class JsonReader {
- public:
-  explicit JsonReader(const std::string& text) : s_(text) {}
-
-  // Parses one complete value; false with a reason when the text is not exactly that.
-  bool parse(Json* out, std::string* error) {
-    try {
-      *out = value();
-      space();
-      if (i_ != s_.size()) throw std::runtime_error("text after the value");
-      return true;
-    } catch (const std::runtime_error& e) {
-      *error = std::string(e.what()) + " at offset " + std::to_string(i_);
-      return false;
+  void fail(const char* what) const {
+    throw std::runtime_error(std::string(what) + " at offset " + std::to_string(i));
+  }
+  char next() {  // the next character after blanks, '\0' at the end
+    while (i < s.size() && std::string(" \t\r\n").find(s[i]) != std::string::npos) ++i;
+    return i < s.size() ? s[i] : '\0';
+  }
+  bool take(char c) { return next() == c && ++i; }
+  bool digit() const { return i < s.size() && s[i] >= '0' && s[i] <= '9'; }
+  std::string string() {
+    if (next() != '"') fail("string expected");
+    std::string text;
+    while (++i < s.size() && s[i] != '"') {
+      const unsigned char c = static_cast<unsigned char>(s[i]);
+      if (c < 0x20) fail("control character in a string");
+      if (c != '\\') {
+        text += static_cast<char>(c);
+        continue;
+      }
+      const char e = ++i < s.size() ? s[i] : '\0';
+      const size_t simple = std::string("\"\\/bfnrt").find(e);
+      if (simple != std::string::npos) {
+        text += "\"\\/\b\f\n\r\t"[simple];
+        continue;
+      }
+      const std::string hex = e == 'u' ? s.substr(i + 1, 4) : "";
+      if (hex.size() != 4 || hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        fail("bad escape");
+      const unsigned long code = std::stoul(hex, nullptr, 16);
+      if (code >= 0x800) fail("\\u beyond U+07FF");
+      if (code >= 0x80) text += static_cast<char>(0xC0 | code >> 6);
+      text += static_cast<char>(code >= 0x80 ? 0x80 | (code & 0x3F) : code);
+      i += 4;
     }
+    if (!take('"')) fail("unterminated string");
+    return text;
   }
-
- private:
-  char peek() const { return i_ < s_.size() ? s_[i_] : '\0'; }
-  bool digit() const { return peek() >= '0' && peek() <= '9'; }
-  void expect(char c) {
-    if (peek() != c) throw std::runtime_error(std::string("expected ") + c);
-    ++i_;
+  std::string atom() {  // a number, true, false or null
+    next();
+    const size_t start = i;
+    for (const std::string word : {"true", "false", "null"})
+      if (i == start && s.compare(i, word.size(), word) == 0) i += word.size();
+    if (i == start) {
+      if (s[i] == '-') ++i;
+      if (!digit()) fail("not a value");
+      if (s[i++] != '0')
+        while (digit()) ++i;
+      if (s[i] == '.' && ++i) {
+        if (!digit()) fail("digit expected");
+        while (digit()) ++i;
+      }
+    }
+    return s.substr(start, i - start);
   }
-  void space() {
-    while (std::string(" \t\r\n").find(peek()) != std::string::npos && i_ < s_.size()) ++i_;
-  }
-  // The members of an object or the items of an array, after the opening bracket.
-  template <class F>
-  void sequence(char close, F&& element) {
-    space();
-    if (peek() == close) {
-      ++i_;
+  void value(const std::string& path) {
+    const char c = next();
+    if (c != '[' && c != '{') {
+      flat[path] = c == '"' ? '"' + string() : atom();
       return;
     }
-    do {
-      space();
-      element();
-      space();
-    } while (peek() == ',' && ++i_);
-    expect(close);
-  }
-  Json value() {
-    space();
-    Json v;
-    const char c = peek();
-    if (c == '{' && ++i_) {
-      v.kind = Json::kObject;
-      sequence('}', [&] {
-        std::string key = string();
-        space();
-        expect(':');
-        if (!v.members.emplace(key, value()).second) throw std::runtime_error("duplicate key");
-      });
-    } else if (c == '[' && ++i_) {
-      v.kind = Json::kArray;
-      sequence(']', [&] { v.items.push_back(value()); });
-    } else if (c == '"') {
-      v.kind = Json::kString;
-      v.text = string();
-    } else if (s_.compare(i_, 4, "true") == 0 || s_.compare(i_, 5, "false") == 0) {
-      v.kind = Json::kBool;
-      v.text = c == 't' ? "true" : "false";
-      i_ += v.text.size();
-    } else if (s_.compare(i_, 4, "null") == 0) {
-      i_ += 4;
-    } else {
-      v.kind = Json::kNumber;
-      const size_t start = i_;
-      if (peek() == '-') ++i_;
-      if (!digit()) throw std::runtime_error("not a value");
-      if (peek() == '0') {
-        ++i_;
-      } else {
-        while (digit()) ++i_;
+    flat[path] = c;
+    ++i;
+    for (size_t n = 0; !take(c == '[' ? ']' : '}'); ++n) {
+      if (n > 0 && !take(',')) fail("',' expected");
+      std::string key = std::to_string(n);
+      if (c == '{') {
+        key = string();
+        if (!take(':')) fail("':' expected");
       }
-      if (peek() == '.' && ++i_) {
-        if (!digit()) throw std::runtime_error("digit expected");
-        while (digit()) ++i_;
-      }
-      v.text = s_.substr(start, i_ - start);
-    }
-    return v;
-  }
-  std::string string() {
-    expect('"');
-    std::string out;
-    for (;;) {
-      if (i_ >= s_.size()) throw std::runtime_error("unterminated string");
-      const unsigned char c = static_cast<unsigned char>(s_[i_++]);
-      if (c == '"') return out;
-      if (c < 0x20) throw std::runtime_error("control character in a string");
-      if (c == '\\') {
-        const char e = s_[i_++];
-        if (e == 'u') {
-          const unsigned code = static_cast<unsigned>(std::stoul(s_.substr(i_, 4), nullptr, 16));
-          i_ += 4;
-          if (code >= 0x80) out += static_cast<char>(0xC0 | code >> 6);
-          out += static_cast<char>(code >= 0x80 ? 0x80 | (code & 0x3F) : code);
-        } else if (std::string("\"\\/nrt").find(e) == std::string::npos) {
-          throw std::runtime_error("bad escape");
-        } else {
-          out += e == 'n' ? '\n' : e == 't' ? '\t' : e == 'r' ? '\r' : e;
-        }
-      } else if (c >= 0x80) {
-        // Valid UTF-8 only: a lead byte and its continuation bytes.
-        const size_t length = c >= 0xF5 ? 0 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
-        if (length == 0) throw std::runtime_error("invalid UTF-8");
-        out += static_cast<char>(c);
-        for (size_t k = 1; k < length; ++k, ++i_) {
-          if ((static_cast<unsigned char>(peek()) & 0xC0) != 0x80)
-            throw std::runtime_error("invalid UTF-8");
-          out += s_[i_];
-        }
-      } else {
-        out += static_cast<char>(c);
-      }
+      key = (path.empty() ? "" : path + ".") + key;
+      if (flat.count(key)) fail("duplicate key");
+      value(key);
     }
   }
-
-  const std::string& s_;
-  size_t i_ = 0;
 };
 
-Json parse_json(const std::string& text) {
-  Json value;
-  std::string error;
-  EXPECT_TRUE(JsonReader(text).parse(&value, &error)) << error << "\n" << text;
-  return value;
+JsonMap parse_json(const std::string& text) {
+  try {
+    return JsonReader(text).document();
+  } catch (const std::runtime_error& e) {
+    ADD_FAILURE() << e.what() << "\n" << text;
+    return {};
+  }
 }
 
-constexpr uint64_t kMono = 1000500000000ull;  // 2024-01-02 03:04:05.5 UTC in the test header
+TEST(DecodeOutput, JsonReaderIsStrict) {
+  for (const std::string bad :
+       {"[1,]", "{\"a\":1} x", "[01]", "\"a\nb\"", "\"\\x\"", "\"\\u00g1\"", "{\"a\":1,\"a\":2}",
+        "{a:1}", "tru", "-", "1.", "[1 2]", "\"open"}) {
+    EXPECT_THROW(JsonReader(bad).document(), std::runtime_error) << bad;
+  }
+  EXPECT_EQ(
+      (JsonMap{{"", "["}, {"0", "{"}, {"0.k", "\"a\"\n\xc3\xbf"}, {"1", "-1.5"}, {"2", "null"}}),
+      parse_json("[ {\"k\" : \"a\\\"\\n\\u00ff\"}, -1.5, null ]"));
+}
 
 // One file with a message, an argument list with every kind of value, a trace point without
 // arguments, and a record without a decode file entry.
 std::string sample_file() {
-  quarry_test::write_file(quarry_test::base_dir() + "t.dec",
-                          "0 request ds id path = request {} for {path}\n"
-                          "1 values dDsd neg big text flags:x\n"
-                          "2 idle -\n");
-  FileSpec spec;
-  spec.threads = {"THREAD main 1\n", "THREAD worker \"2\" 2\n"};
+  put("t.dec",
+      "0 request ds id path = request {} for {path}\n"
+      "1 values dDsd neg big text flags:x\n"
+      "2 idle -\n");
+  HeaderItems items;
+  items.threads = {"THREAD main 1\n", "THREAD worker \"2\" 2\n"};
   Ring ring(1024);
-  ring.add(encode(0, kMono, 1, {d(7), s("/a\nb")}));
+  ring.add(encode(0, kT0, 1, {d(7), s("/a\nb")}));
   ring.add(
-      encode(1, kMono + 1234, 2,
+      encode(1, kT0 + 1234, 2,
              {d(0xFFFFFFFFu), D(0x8000000000000000ull), s("q\"\\\x01\xe2\x82\xac\xff"), d(255)}));
-  ring.add(encode(2, kMono + 1000, 3, {}));
-  ring.add(encode(5, kMono + 1000000002, 1, {d(9), s("xy")}));
-  const std::string path = quarry_test::base_dir() + "sample.trc";
-  quarry_test::write_file(path, ring.file(spec));
-  return path;
+  ring.add(encode(2, kT0 + 1000, 3, {}));
+  ring.add(encode(5, kT0 + 1000000002, 1, {d(9), s("xy")}));
+  return put("sample.trc", ring.file(items));
 }
 
 TEST(DecodeOutput, TextLines) {
-  const std::string path = sample_file();
-  CliResult r = run({"--utc", path});
+  CliResult r = run({"--utc", sample_file()});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ("", r.err);
-  const std::vector<std::string> expected = {
+  EXPECT_EQ(
       "[2024-01-02 03:04:05.500000000] (+?.\?\?\?\?\?\?\?\?\?) main app:request: request 7 for "
-      "/a\\nb",
+      "/a\\nb\n"
       "[2024-01-02 03:04:05.500001234] (+0.000001234) worker \"2\" app:values: { neg = -1, big = "
-      "-9223372036854775808, text = \"q\\\"\\\\\\x01\xe2\x82\xac\xff\", flags = 0xff }",
-      "[2024-01-02 03:04:05.500001000] (-0.000000234) 3 app:idle",
+      "-9223372036854775808, text = \"q\\\"\\\\\\x01\xe2\x82\xac\xff\", flags = 0xff }\n"
+      "[2024-01-02 03:04:05.500001000] (-0.000000234) 3 app:idle\n"
       "[2024-01-02 03:04:06.500000002] (+0.999999002) main app:#5: { words = [ 0x00000009, "
-      "0x00007978 ] }",
-  };
-  EXPECT_EQ(expected, lines_of(r.out));
+      "0x00007978 ] }\n",
+      r.out);
+}
 
-  r = run({"--monotonic", "--no-delta", path});
-  ASSERT_EQ(4u, lines_of(r.out).size());
-  EXPECT_EQ("[1000.500000000] main app:request: request 7 for /a\\nb", lines_of(r.out)[0]);
+// Each "path=value" of `expected` (the path below `prefix`) is in `json`; "path=" for none.
+void expect_values(const std::vector<std::string>& expected, const JsonMap& json,
+                   const std::string& prefix = "") {
+  for (const std::string& item : expected) {
+    auto it = json.find(prefix + item.substr(0, item.find('=')));
+    EXPECT_EQ(item.substr(item.find('=') + 1), it == json.end() ? "" : it->second) << item;
+  }
 }
 
 TEST(DecodeOutput, JsonLines) {
   CliResult r = run({"--format=json", sample_file()});
   EXPECT_EQ(0, r.status) << r.err;
-  std::vector<std::string> lines = lines_of(r.out);
-  ASSERT_EQ(4u, lines.size());
-  std::vector<Json> records;
-  for (const std::string& line : lines) records.push_back(parse_json(line));
-  EXPECT_EQ("2024-01-02T03:04:05.500000000Z", records[0]["time"].text);
-  EXPECT_EQ("1704164645500000000", records[0]["time_ns"].text);
-  EXPECT_EQ("1000500000000", records[0]["mono_ns"].text);
-  EXPECT_EQ("4242", records[0]["pid"].text);
-  EXPECT_EQ("main", records[0]["thread"].text);
-  EXPECT_EQ("app", records[0]["handle"].text);
-  EXPECT_EQ("request", records[0]["point"].text);
-  EXPECT_EQ("request 7 for /a\nb", records[0]["message"].text);
-  EXPECT_EQ("/a\nb", records[0]["args"]["path"].text);
-  EXPECT_EQ("-1", records[1]["args"]["neg"].text);
-  EXPECT_EQ("255", records[1]["args"]["flags"].text);
-  // The invalid byte 0xFF becomes U+00FF; the valid euro sign stays.
-  EXPECT_EQ("q\"\\\x01\xe2\x82\xac\xc3\xbf", records[1]["args"]["text"].text);
-  EXPECT_FALSE(records[1].has("message"));
-  EXPECT_EQ(Json::kNull, records[2]["thread"].kind);
-  EXPECT_EQ(Json::kNull, records[3]["point"].kind);
-  ASSERT_EQ(2u, records[3]["words"].items.size());
-  EXPECT_EQ("31096", records[3]["words"].items[1].text);
+  std::vector<JsonMap> records;
+  for (const std::string& line : lines_of(r.out)) records.push_back(parse_json(line));
+  ASSERT_EQ(4u, records.size());
+  expect_values({"time=\"2024-01-02T03:04:05.500000000Z", "time_ns=1704164645500000000",
+                 "mono_ns=1000500000000", "pid=4242", "thread=\"main", "handle=\"app",
+                 "point=\"request", "message=\"request 7 for /a\nb", "args.path=\"/a\nb"},
+                records[0]);
+  // The invalid byte 0xFF becomes U+00FF; the valid euro sign stays. No message in the
+  // decode file: no "message" member.
+  expect_values(
+      {"args.neg=-1", "args.flags=255", "args.text=\"q\"\\\x01\xe2\x82\xac\xc3\xbf", "message="},
+      records[1]);
+  expect_values({"thread=null"}, records[2]);
+  expect_values({"point=null", "words.1=31096", "words.2="}, records[3]);
 }
 
 TEST(DecodeOutput, ChromeTraceEvents) {
   CliResult r = run({"-f", "chrome", sample_file()});
   EXPECT_EQ(0, r.status) << r.err;
-  Json trace = parse_json(r.out);
-  ASSERT_EQ(Json::kArray, trace.kind);
-  std::map<std::string, std::string> thread_names;
-  std::vector<const Json*> events;
-  std::string process_name;
-  for (const Json& e : trace.items) {
-    ASSERT_EQ(Json::kObject, e.kind);
-    EXPECT_EQ("4242", e["pid"].text);
-    if (e["ph"].text == "M") {
-      if (e["name"].text == "thread_name") thread_names[e["tid"].text] = e["args"]["name"].text;
-      if (e["name"].text == "process_name") process_name = e["args"]["name"].text;
+  JsonMap trace = parse_json(r.out), names;
+  ASSERT_EQ("[", trace[""]);
+  std::vector<std::string> events;  // path prefixes of the instant events
+  for (size_t k = 0; trace.count(std::to_string(k)); ++k) {
+    const std::string e = std::to_string(k) + ".";
+    ASSERT_EQ("{", trace[std::to_string(k)]);
+    EXPECT_EQ("4242", trace[e + "pid"]);
+    if (trace[e + "ph"] == "\"M") {
+      names[trace[e + "name"] + " " + trace[e + "tid"]] = trace[e + "args.name"];
       continue;
     }
-    EXPECT_EQ("i", e["ph"].text);
-    EXPECT_EQ("t", e["s"].text);
-    events.push_back(&e);
+    expect_values({"ph=\"i", "s=\"t"}, trace, e);
+    events.push_back(e);
   }
-  EXPECT_EQ("tester", process_name);
-  EXPECT_EQ((std::map<std::string, std::string>{{"1", "main"}, {"2", "worker \"2\""}}),
-            thread_names);
-  ASSERT_EQ(4u, events.size());
-  EXPECT_EQ("app:request", (*events[0])["name"].text);
-  EXPECT_EQ("app", (*events[0])["cat"].text);
-  EXPECT_EQ("1000500000.000", (*events[0])["ts"].text);  // microseconds, three decimals
-  EXPECT_EQ("1000500001.234", (*events[1])["ts"].text);
-  EXPECT_EQ("request 7 for /a\nb", (*events[0])["args"]["message"].text);
-  EXPECT_EQ("7", (*events[0])["args"]["id"].text);
-  EXPECT_EQ("2", (*events[1])["tid"].text);
-  EXPECT_EQ(Json::kObject, (*events[2])["args"].kind);
-  EXPECT_EQ("app:#5", (*events[3])["name"].text);
-
+  EXPECT_EQ((JsonMap{{"\"process_name 0", "\"tester"},
+                     {"\"thread_name 1", "\"main"},
+                     {"\"thread_name 2", "\"worker \"2\""}}),
+            names);
+  ASSERT_EQ(4u, events.size());  // times are microseconds with three decimals
+  expect_values({"name=\"app:request", "cat=\"app", "ts=1000500000.000",
+                 "args.message=\"request 7 for /a\nb", "args.id=7"},
+                trace, events[0]);
+  expect_values({"ts=1000500001.234", "tid=2", "args.text=\"q\"\\\x01\xe2\x82\xac\xc3\xbf"}, trace,
+                events[1]);
+  expect_values({"args={"}, trace, events[2]);
+  expect_values({"name=\"app:#5"}, trace, events[3]);
   // The array form: every event line ends in a comma or the closing bracket, so a stream cut
   // after any complete event is still a loadable prefix.
-  std::vector<std::string> lines = lines_of(r.out);
-  EXPECT_EQ("[", lines.front());
-  EXPECT_EQ("]", lines.back());
+  EXPECT_EQ("[", lines_of(r.out).front());
+  EXPECT_EQ("]", lines_of(r.out).back());
 }
 
 TEST(DecodeOutput, Summary) {
