@@ -43,8 +43,8 @@ struct handle_node {
 using ring_word = std::atomic<uint64_t>;
 
 struct circular_buffer {
-  char* output_header;  // open block of the trace file header; null when it was not built
-  ring_word ring;       // `buffer` and `size_words`, published together (ring.h)
+  char* output_header;          // open block of the trace file header; null when it was not built
+  ring_word ring;               // `buffer` and `size_words`, published together (ring.h)
   retired_ring* retired_rings;  // arrays replaced by growth, kept for late writers (ring.h)
   std::atomic<uint32_t> word_count;  // words reserved since creation; wraps at 2^32
   char* output_file_name;            // buffer directory + "quarry"

@@ -86,8 +86,7 @@ inline void copy_string(ring_cell* words, uint32_t size_words, const char* text,
 // the thread word: quarry_internal passes the real ones, tests pass fixed values. Everything
 // here is inlined into the caller (no va_copy here: it would forbid inlining).
 template <class Clock, class ThreadWord>
-__attribute__((always_inline)) inline void write_record(quarry_handle* handle,
-                                                        uint32_t trace_point,
+__attribute__((always_inline)) inline void write_record(quarry_handle* handle, uint32_t trace_point,
                                                         uint32_t fixed_words, uint32_t flags,
                                                         const char* signature, va_list measure,
                                                         va_list args, Clock&& clock,
