@@ -293,13 +293,7 @@ class ChromeFormatter : public Formatter {
     const std::string& name =
         source.header.prog_name.empty() ? source.header.argv0 : source.header.prog_name;
     if (name.empty() || !processes_seen_.insert(source.header.process_id).second) return;
-    std::string& o = out_.text();
-    separator();
-    o += "{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":";
-    append_int(o, source.header.process_id);
-    o += ",\"tid\":0,\"args\":{\"name\":\"";
-    append_json_escaped(o, name);
-    o += "\"}}";
+    metadata_event("process_name", source.header.process_id, 0, name);
     out_.maybe_flush();
   }
 
@@ -319,14 +313,7 @@ class ChromeFormatter : public Formatter {
                          record.thread;
     if (threads_seen_.insert(key).second) {
       if (const std::string* name = source.threads.find(record.thread)) {
-        separator();
-        o += "{\"name\":\"thread_name\",\"ph\":\"M\",\"pid\":";
-        append_int(o, source.header.process_id);
-        o += ",\"tid\":";
-        append_int(o, tid);
-        o += ",\"args\":{\"name\":\"";
-        append_json_escaped(o, *name);
-        o += "\"}}";
+        metadata_event("thread_name", source.header.process_id, tid, *name);
       }
     }
     separator();
@@ -366,6 +353,21 @@ class ChromeFormatter : public Formatter {
     opened_ = true;
     out_.text() += '[';
   }
+  // A "ph":"M" event that names a process (tid 0) or a thread.
+  void metadata_event(const char* kind, int64_t pid, int64_t tid, const std::string& name) {
+    std::string& o = out_.text();
+    separator();
+    o += "{\"name\":\"";
+    o += kind;
+    o += "\",\"ph\":\"M\",\"pid\":";
+    append_int(o, pid);
+    o += ",\"tid\":";
+    append_int(o, tid);
+    o += ",\"args\":{\"name\":\"";
+    append_json_escaped(o, name);
+    o += "\"}}";
+  }
+
   void separator() {
     out_.text() += first_ ? "\n" : ",\n";
     first_ = false;
