@@ -196,4 +196,27 @@ TEST(DecodeRing, CounterRestartedBelowBufferSize) {
   EXPECT_FALSE(out.stats().damage);
 }
 
+// A wrapped file cut short loses the newest end of the older piece: what survives is the
+// oldest words up to the cut, then the words from position 0 up to the write position. A record
+// that ran into the lost part must neither be decoded nor glued to the words after the gap.
+TEST(DecodeRing, TruncatedWrappedFileDecodesBothPiecesApart) {
+  Ring ring(1024);
+  for (uint32_t k = 0; k < 300; ++k) ring.add(encode(0, kT0 + k, 1, {d(k)}));  // 5 words each
+  const std::string whole = ring.file(HeaderItems{});
+  const size_t cut_words = 1024 - 800;  // the file holds positions 0 to 799
+  Decoded out = decode(whole.substr(0, whole.size() - cut_words * 4), "0 r d k\n");
+  EXPECT_EQ(1u, out.data.problems.size());  // reported as truncated
+  // Absolute words 476..799 (records 96 to 159) and 1024..1499 (records 205 to 299) survive;
+  // record 95 is cut at the seam, 160 to 203 are lost and 204 straddles the gap.
+  std::vector<uint64_t> expected;
+  for (uint64_t k = 96; k <= 159; ++k) expected.push_back(k);
+  for (uint64_t k = 205; k <= 299; ++k) expected.push_back(k);
+  std::vector<uint64_t> decoded;
+  for (const Seen& r : out.records) {
+    EXPECT_EQ(kT0 + r.args.at(0).number, r.timestamp);
+    decoded.push_back(r.args.at(0).number);
+  }
+  EXPECT_EQ(expected, decoded);
+}
+
 }  // namespace
