@@ -90,7 +90,9 @@ void print_text(FILE* out, const Listed& listed, const char* indent) {
     fprintf(out, ": their trace files overwrite each other\n");
   }
   for (const BufferView& b : listed.buffers) {
-    fprintf(out, "%s  %s  %s  %s", indent, b.name.c_str(), human_size(buffer_bytes(b)).c_str(),
+    unsigned long long bytes = buffer_bytes(b);
+    fprintf(out, "%s  %s  %s  %s", indent, b.name.c_str(),
+            bytes ? human_size(bytes).c_str() : "size unknown",
             b.live       ? "live"
             : b.has_ctrl ? "control file (not watched)"
                          : "no control file");

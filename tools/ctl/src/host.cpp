@@ -7,9 +7,10 @@
 //      inotify descriptors watches a control file there (live configuration);
 //   2. it is the PID of quarry.info, or the PID in a forked child's name "<parent>.<pid>";
 //   3. its comm or its first argument (with '/' made '_', the library's default process name)
-//      is the directory name.
+//      is the directory name; this counts only when nothing of 1 or 2 is found, since the same
+//      program may trace below another base directory.
 // Processes that own a child directory "<name>.<pid>" of their own are not counted for <name>.
-// Several live owners of one directory are reported: their dumps overwrite each other.
+// Several owners tied by 1, or several by 3 alone, are reported: naming a PID chooses one.
 // Reads /proc and the file tree; the catcher scan is cached for the run (one thread).
 #include "host.h"
 
@@ -245,6 +246,14 @@ ProcessEntry examine_process(const std::string& base, const std::string& name) {
     if (rank > 0) ranked.emplace_back(rank, c.pid);
   }
   std::sort(ranked.begin(), ranked.end(), [](auto& a, auto& b) { return a.first > b.first; });
+  // A name alone is weak evidence (the same program may trace below another base directory):
+  // it counts only when nothing stronger points anywhere, and only strong ties flag a
+  // directory as shared.
+  if (!ranked.empty() && ranked[0].first >= 2) {
+    ranked.erase(std::remove_if(ranked.begin() + 1, ranked.end(),
+                                [](const std::pair<int, int>& r) { return r.first < 3; }),
+                 ranked.end());
+  }
   if (!ranked.empty()) {
     entry.state = HostState::kRunning;
     entry.pid = ranked[0].second;
@@ -282,6 +291,12 @@ ProcessEntry resolve_target(const std::string& base, const std::string& target) 
   if (!target.empty() && *end == '\0' && pid > 0) {
     for (ProcessEntry& entry : list_processes(base)) {
       if (entry.pid == pid || entry.child_pid == pid) return entry;
+      // Named among several candidates: the operator has chosen.
+      if (std::find(entry.others.begin(), entry.others.end(), pid) != entry.others.end()) {
+        entry.pid = static_cast<int>(pid);
+        entry.others.clear();
+        return entry;
+      }
     }
     throw Failure("no process directory below " + base + " belongs to PID " + target);
   }

@@ -99,7 +99,8 @@ Args parse_args(const Command& command, int argc, char** argv, int first, std::s
   bool only_positional = false;
   for (int i = first; i < argc; ++i) {
     std::string arg = argv[i];
-    if (only_positional || arg.size() < 2 || arg[0] != '-') {
+    // "-3" is a (negative) number for the command to judge, not an option.
+    if (only_positional || arg.size() < 2 || arg[0] != '-' || (arg[1] >= '0' && arg[1] <= '9')) {
       args.positional.push_back(arg);
       continue;
     }
