@@ -2,6 +2,7 @@
 // control file when the host watches it), waiting until they are complete, and decoding them.
 // One thread; waits are bounded polls.
 #include <errno.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -31,9 +32,16 @@ double mtime_of(const std::string& path) {
   return stat(path.c_str(), &st) == 0 ? seconds_of(st.st_mtim) : 0;
 }
 
-void pause_ms(int ms) {
+// Waits `ms` milliseconds; false when SIGINT, SIGTERM or SIGHUP arrived (they are blocked
+// while a dump request sits in a control file, so that it is always taken out again).
+bool pause_ms(int ms) {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGTERM);
+  sigaddset(&stop, SIGHUP);
   struct timespec ts = {0, ms * 1000000L};
-  nanosleep(&ts, nullptr);
+  return sigtimedwait(&stop, nullptr, &ts) < 0;
 }
 
 // A trace file the dump has finished: its header is whole and its data hold at least the
@@ -103,6 +111,12 @@ int cmd_dump(const Context& ctx, const Args& args) {
   // otherwise the dump signal writes every buffer.
   bool by_control = !wanted.empty();
   for (const BufferView& b : wanted) by_control = by_control && b.live;
+  if (!wanted.empty() && !by_control) {
+    fprintf(ctx.err,
+            "quarryctl: PID %d does not watch every named buffer's control file; the "
+            "dump signal writes all of its buffers\n",
+            entry.pid);
+  }
   if (wanted.empty()) {
     double start = process_start_time(entry.pid);
     for (BufferView& b : buffers_of(entry, watched)) {
@@ -121,6 +135,13 @@ int cmd_dump(const Context& ctx, const Args& args) {
   for (int i = 0; i < 200 && now_coarse() <= newest; ++i) pause_ms(1);
   const double request = now_coarse();
 
+  sigset_t stop, previous;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGTERM);
+  sigaddset(&stop, SIGHUP);
+  sigprocmask(SIG_BLOCK, &stop, &previous);
+  int interrupted = 0;
   if (by_control) {
     for (const BufferView& b : wanted) {
       quarry_layout::ControlState state = clean_state(b);
@@ -140,7 +161,10 @@ int cmd_dump(const Context& ctx, const Args& args) {
       all = all && !fresh[i].empty();
     }
     if (all || now_coarse() > deadline) break;
-    pause_ms(10);
+    if (!pause_ms(10)) {
+      interrupted = 1;
+      break;
+    }
   }
   // The request must not stay in the file: the library would dump again at every later change.
   if (by_control) {
@@ -149,6 +173,8 @@ int cmd_dump(const Context& ctx, const Args& args) {
       write_control(entry, now, clean_state(now), ctx.err);
     }
   }
+  sigprocmask(SIG_SETMASK, &previous, nullptr);
+  if (interrupted) throw Failure("process " + entry.name + ": interrupted while waiting");
 
   std::vector<std::string> paths;
   int status = kExitOk;

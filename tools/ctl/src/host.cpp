@@ -245,7 +245,11 @@ ProcessEntry examine_process(const std::string& base, const std::string& name) {
     }
     if (rank > 0) ranked.emplace_back(rank, c.pid);
   }
-  std::sort(ranked.begin(), ranked.end(), [](auto& a, auto& b) { return a.first > b.first; });
+  // Among equals, the PID that quarry.info or the directory name gives comes first.
+  std::sort(ranked.begin(), ranked.end(), [&](auto& a, auto& b) {
+    if (a.first != b.first) return a.first > b.first;
+    return (a.second == named_pid) > (b.second == named_pid);
+  });
   // A name alone is weak evidence (the same program may trace below another base directory):
   // it counts only when nothing stronger points anywhere, and only strong ties flag a
   // directory as shared.
