@@ -1,5 +1,5 @@
-// Reading a buffer directory for the operator: control file, trace files, newest header.
-// Reads files only.
+// Reading a buffer directory for the operator: control file, trace files, newest header, and
+// writing its control file back. Thread contract: reads and writes files only; one thread.
 #include "buffers.h"
 
 #include <errno.h>

@@ -74,6 +74,56 @@ bool belongs(const BufferView& buffer, double start) {
   return newest >= start - 1;  // the start time is known to a clock tick; btime to a second
 }
 
+// The buffers to wait for: those named, else every buffer of the running process. Named
+// buffers that the host watches are dumped alone through their control files (`by_control`);
+// otherwise the dump signal writes every buffer.
+std::vector<BufferView> dump_targets(const Context& ctx, const Args& args,
+                                     const ProcessEntry& entry,
+                                     const std::vector<WatchedInode>& watched, bool* by_control) {
+  std::vector<BufferView> wanted;
+  for (size_t i = 1; i < args.positional.size(); ++i)
+    wanted.push_back(buffer_of(entry, args.positional[i], watched));
+  *by_control = !wanted.empty();
+  for (const BufferView& b : wanted) *by_control = *by_control && b.live;
+  if (!wanted.empty() && !*by_control) {
+    fprintf(ctx.err,
+            "quarryctl: PID %d does not watch every named buffer's control file; the "
+            "dump signal writes all of its buffers\n",
+            entry.pid);
+  }
+  if (wanted.empty()) {
+    double start = process_start_time(entry.pid);
+    for (BufferView& b : buffers_of(entry, watched)) {
+      if (belongs(b, start)) wanted.push_back(std::move(b));
+    }
+    if (wanted.empty())
+      throw Failure("process " + entry.name + ": no buffer directory in " + entry.dir);
+  }
+
+  return wanted;
+}
+
+// Polls until every buffer has a complete trace file written at or after `request`, the
+// timeout passes, or a stop signal arrives (`interrupted`). Paths per buffer, "" for none.
+std::vector<std::string> wait_for_files(const std::vector<BufferView>& wanted, double request,
+                                        double timeout, int* interrupted) {
+  std::vector<std::string> fresh(wanted.size());
+  const double deadline = now_coarse() + timeout;
+  for (;;) {
+    bool all = true;
+    for (size_t i = 0; i < wanted.size(); ++i) {
+      if (fresh[i].empty()) fresh[i] = fresh_file(wanted[i].dir, request);
+      all = all && !fresh[i].empty();
+    }
+    if (all || now_coarse() > deadline) break;
+    if (!pause_ms(10)) {
+      *interrupted = 1;
+      break;
+    }
+  }
+  return fresh;
+}
+
 }  // namespace
 
 int decode_paths(const Context& ctx, const Args& args, const std::vector<std::string>& inputs) {
@@ -104,27 +154,8 @@ int cmd_dump(const Context& ctx, const Args& args) {
   require_running(entry);
   std::vector<WatchedInode> watched = watched_inodes(entry.pid);
 
-  std::vector<BufferView> wanted;
-  for (size_t i = 1; i < args.positional.size(); ++i)
-    wanted.push_back(buffer_of(entry, args.positional[i], watched));
-  // Named buffers that the host watches are dumped alone through their control files;
-  // otherwise the dump signal writes every buffer.
-  bool by_control = !wanted.empty();
-  for (const BufferView& b : wanted) by_control = by_control && b.live;
-  if (!wanted.empty() && !by_control) {
-    fprintf(ctx.err,
-            "quarryctl: PID %d does not watch every named buffer's control file; the "
-            "dump signal writes all of its buffers\n",
-            entry.pid);
-  }
-  if (wanted.empty()) {
-    double start = process_start_time(entry.pid);
-    for (BufferView& b : buffers_of(entry, watched)) {
-      if (belongs(b, start)) wanted.push_back(std::move(b));
-    }
-    if (wanted.empty())
-      throw Failure("process " + entry.name + ": no buffer directory in " + entry.dir);
-  }
+  bool by_control = false;
+  std::vector<BufferView> wanted = dump_targets(ctx, args, entry, watched, &by_control);
 
   // Every new file must be told apart from the old ones by its time: wait (a clock tick at
   // most) until the file system's clock has passed the newest existing file.
@@ -152,20 +183,7 @@ int cmd_dump(const Context& ctx, const Args& args) {
     send_dump_signal(entry);
   }
 
-  std::vector<std::string> fresh(wanted.size());
-  const double deadline = now_coarse() + timeout;
-  for (;;) {
-    bool all = true;
-    for (size_t i = 0; i < wanted.size(); ++i) {
-      if (fresh[i].empty()) fresh[i] = fresh_file(wanted[i].dir, request);
-      all = all && !fresh[i].empty();
-    }
-    if (all || now_coarse() > deadline) break;
-    if (!pause_ms(10)) {
-      interrupted = 1;
-      break;
-    }
-  }
+  std::vector<std::string> fresh = wait_for_files(wanted, request, timeout, &interrupted);
   // The request must not stay in the file: the library would dump again at every later change.
   if (by_control) {
     for (const BufferView& b : wanted) {

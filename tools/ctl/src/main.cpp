@@ -1,5 +1,6 @@
 // quarryctl's command line: global options, the subcommand table with each one's help and
 // options, and the exit statuses (0 done, 1 failed, 2 usage). No exception leaves main.
+// Thread contract: runs on the main thread only.
 #include <stdio.h>
 #include <string.h>
 

@@ -1,5 +1,6 @@
 // The file tree below the trace base directory: base directory resolution, directory listings,
-// trace files, the info file, and in-place rewriting. Reads and writes files only.
+// trace files, the info file, and in-place rewriting. Thread contract: reads and
+// writes files only, no shared state; any thread.
 #include "quarry_layout/tree.h"
 
 #include <dirent.h>
