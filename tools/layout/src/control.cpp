@@ -1,5 +1,5 @@
-// Reading a control file with the library's grammar and writing the full state back. Pure
-// functions over text.
+// Reading a control file with the library's grammar and writing the full state back.
+// Thread contract: pure functions over text; any thread.
 #include "quarry_layout/control.h"
 
 #include <ctype.h>
