@@ -71,7 +71,9 @@ BufferView view(const ProcessEntry& entry, const std::string& name,
   for (const quarry_layout::ControlHandle& handle : buffer.ctrl.handles) {
     if (handle.seen_trace && handle.seen_pipe) add(handle.name);
   }
-  if (buffer.has_header) {
+  // A trace file of an earlier run may name handles the running host does not have.
+  if (buffer.has_header &&
+      (entry.state != HostState::kRunning || buffer.header.process_id == entry.pid)) {
     for (const quarry_decode::DecodeRef& ref : buffer.header.decode_refs) add(ref.handle);
   }
   return buffer;
