@@ -96,6 +96,7 @@ void print_text(FILE* out, const Listed& listed, const char* indent) {
             b.live       ? "live"
             : b.has_ctrl ? "control file (not watched)"
                          : "no control file");
+    if (b.ctrl.has_loop_count) fprintf(out, "  rotate %d", b.ctrl.loop_count);
     if (b.has_header) {
       fprintf(out, "  words %u  entries %u", b.header.word_count, b.header.entry_count);
     }
@@ -132,6 +133,7 @@ void print_json(FILE* out, const Listed& listed, bool first) {
             "\"live\": %s, ",
             i ? "," : "", json_string(b.name).c_str(), json_string(b.dir).c_str(), buffer_bytes(b),
             b.has_ctrl ? "true" : "false", b.live ? "true" : "false");
+    if (b.ctrl.has_loop_count) fprintf(out, "\"file_loop_count\": %d, ", b.ctrl.loop_count);
     if (b.has_header) {
       fprintf(out, "\"word_count\": %u, \"entry_count\": %u, ", b.header.word_count,
               b.header.entry_count);

@@ -9,7 +9,8 @@
 //   3. its comm or its first argument (with '/' made '_', the library's default process name)
 //      is the directory name; this counts only when nothing of 1 or 2 is found, since the same
 //      program may trace below another base directory.
-// Processes that own a child directory "<name>.<pid>" of their own are not counted for <name>.
+// Processes that own a child directory "<name>.<pid>" of their own, or whose parent is a
+// candidate (forked children, which inherit descriptors and handlers), are not counted.
 // Several owners tied by 1, or several by 3 alone, are reported: naming a PID chooses one.
 // Reads /proc and the file tree; the catcher scan is cached for the run (one thread).
 #include "host.h"
@@ -139,6 +140,8 @@ ProcInfo read_proc(int pid, int dump_signal) {
     } else if (starts_with(line, "SigCgt:")) {
       unsigned long long mask = strtoull(line.c_str() + 7, nullptr, 16);
       info.catches = dump_signal > 0 && dump_signal <= 64 && ((mask >> (dump_signal - 1)) & 1u);
+    } else if (starts_with(line, "PPid:")) {
+      info.ppid = atoi(line.c_str() + 5);
     } else if (starts_with(line, "Uid:")) {
       info.uid = static_cast<uid_t>(strtoul(line.c_str() + 4, nullptr, 10));
     }
@@ -245,6 +248,18 @@ ProcessEntry examine_process(const std::string& base, const std::string& name) {
     }
     if (rank > 0) ranked.emplace_back(rank, c.pid);
   }
+  // A forked child inherits its parent's descriptors, watches and signal handlers; it is no
+  // second owner of the directory (it traces into "<name>.<pid>" once it opens a buffer).
+  std::vector<int> candidate_pids;
+  for (const auto& r : ranked) candidate_pids.push_back(r.second);
+  ranked.erase(std::remove_if(ranked.begin(), ranked.end(),
+                              [&](const std::pair<int, int>& r) {
+                                if (r.second == named_pid) return false;
+                                int ppid = read_proc(r.second, entry.dump_signal).ppid;
+                                return std::find(candidate_pids.begin(), candidate_pids.end(),
+                                                 ppid) != candidate_pids.end();
+                              }),
+               ranked.end());
   // Among equals, the PID that quarry.info or the directory name gives comes first.
   std::sort(ranked.begin(), ranked.end(), [&](auto& a, auto& b) {
     if (a.first != b.first) return a.first > b.first;

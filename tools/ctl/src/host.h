@@ -20,6 +20,7 @@ struct ProcInfo {
   std::string comm;
   std::string argv0_name;  // its first argument with '/' replaced by '_' (the default name)
   uid_t uid = 0;
+  int ppid = 0;
 };
 ProcInfo read_proc(int pid, int dump_signal);
 
