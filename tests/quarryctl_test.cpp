@@ -2,6 +2,7 @@
 // test's own QUARRY_PATH, plus the control-file reading it shares with the library.
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -60,17 +61,29 @@ class QuarryctlTest : public ::testing::Test {
 #else
     // Run directly, all cases share one base directory: start from an empty one.
     ASSERT_EQ(system(("rm -rf " + base_dir() + "*").c_str()), 0);
-    host_ = spawn(DEMO_HOST_PATH, "--live");
+    // The host says when it watches both control files; its last line follows.
+    int out[2];
+    ASSERT_EQ(pipe(out), 0);
+    host_ = fork();
+    if (host_ == 0) {
+      dup2(out[1], 1);
+      execl(DEMO_HOST_PATH, DEMO_HOST_PATH, "--live", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(out[1]);
+    said_ = fdopen(out[0], "r");  // kept open: the host may still report on standard output
+    char line[512];
+    bool live = false;
+    while (fgets(line, sizeof line, said_) != nullptr && strncmp(line, "Ctrl-C", 6) != 0)
+      live = live || strncmp(line, "Live configuration is on", 24) == 0;
+    ASSERT_TRUE(live);
     net_ctrl_ = base_dir() + "demo_host/net/quarry.ctrl";
-    // Bounded poll: live configuration is on once both control files exist.
-    for (int i = 0; i < 1000 && !(file_exists(net_ctrl_) && file_exists(info_path())); ++i)
-      usleep(10000);
-    ASSERT_TRUE(file_exists(net_ctrl_));
 #endif
   }
   void TearDown() override {
     if (host_ > 0) kill(host_, SIGKILL);
     if (host_ > 0) waitpid(host_, nullptr, 0);
+    if (said_ != nullptr) fclose(said_);
   }
   std::string info_path() const {
     return base_dir() + "demo_host/quarry.info";
@@ -83,6 +96,7 @@ class QuarryctlTest : public ::testing::Test {
                             "PROCESS_PID " + std::to_string(pid) + "\nDUMP_SIGNAL 62\n");
   }
   pid_t host_ = -1;
+  FILE* said_ = nullptr;
   std::string net_ctrl_;
 };
 
