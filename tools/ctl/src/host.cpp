@@ -280,6 +280,12 @@ ProcessEntry examine_process(const std::string& base, const std::string& name) {
     entry.how = entry.pid == named_pid ? (entry.child_pid ? "directory name" : "quarry.info")
                                        : kHow[ranked[0].first];
     for (size_t i = 1; i < ranked.size(); ++i) entry.others.push_back(ranked[i].second);
+    // quarry.info alone, without a matching name, may be a reused PID of another process
+    // that happens to catch the signal: harmless to signal, but worth saying.
+    if (ranked[0].first == 2 && entry.child_pid == 0 &&
+        !name_matches(read_proc(entry.pid, entry.dump_signal), name)) {
+      entry.how += ", name not confirmed";
+    }
     return entry;
   }
   entry.pid = named_pid;
