@@ -158,6 +158,15 @@ void print_json(FILE* out, const Listed& listed, bool first) {
   fprintf(out, "%s]}", listed.buffers.empty() ? "" : "\n  ");
 }
 
+// A process and, indented below it, its forked children and theirs.
+void print_tree(FILE* out, const std::vector<Listed>& listed, const Listed& l,
+                const std::string& indent) {
+  print_text(out, l, indent.c_str());
+  for (const Listed& child : listed) {
+    if (child.entry.parent == l.entry.name) print_tree(out, listed, child, indent + "  ");
+  }
+}
+
 bool selected(const ProcessEntry& entry, const std::vector<std::string>& filters) {
   if (filters.empty()) return true;
   for (const std::string& f : filters) {
@@ -201,11 +210,7 @@ int cmd_ls(const Context& ctx, const Args& args) {
     bool has_parent = false;
     for (const Listed& p : listed)
       has_parent |= !l.entry.parent.empty() && p.entry.name == l.entry.parent;
-    if (has_parent) continue;
-    print_text(ctx.out, l, "");
-    for (const Listed& child : listed) {
-      if (child.entry.parent == l.entry.name) print_text(ctx.out, child, "  ");
-    }
+    if (!has_parent) print_tree(ctx.out, listed, l, "");
   }
   return kExitOk;
 }
