@@ -24,3 +24,15 @@ if(TARGET crash_signals_test)
   target_compile_definitions(crash_signals_test PRIVATE
     QUARRY_TSAN_SUPPRESSIONS="${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp")
 endif()
+
+# quarryctl_test runs the quarryctl command against a live demo_host, and reads control files
+# through quarry_layout.
+if(TARGET quarryctl_test AND TARGET quarry_layout)
+  target_link_libraries(quarryctl_test PRIVATE quarry_layout)
+  if(TARGET quarryctl AND TARGET demo_host)
+    target_compile_definitions(quarryctl_test PRIVATE
+      QUARRYCTL_PATH="$<TARGET_FILE:quarryctl>" DEMO_HOST_PATH="$<TARGET_FILE:demo_host>"
+      DECODE_DIR="${PROJECT_SOURCE_DIR}/examples")
+    add_dependencies(quarryctl_test quarryctl demo_host)
+  endif()
+endif()
