@@ -4,12 +4,16 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,6 +30,8 @@
 #elif defined(QUARRY_TEST_LOOP_SDEVENT)
 #include "quarry/sdevent.h"
 #elif defined(QUARRY_TEST_LOOP_GLIB)
+#include <glib-unix.h>
+
 #include "quarry/glib.h"
 #endif
 
@@ -33,12 +39,28 @@ namespace {
 
 using namespace quarry_test;
 
+// What the host's own code does: one descriptor of its own watched through its loop.
+std::atomic<int> host_fd{-1};
+std::atomic<int> host_calls{0};
+void host_ready() {
+  uint64_t value;
+  if (read(host_fd.load(), &value, sizeof value) > 0) ++host_calls;
+}
+
 // The loop under test, made, turned and ended on the loop's thread. open gives the event_loop
-// pointer for the library; close reports whether the loop let go of everything.
+// pointer for the library; close reports whether the loop let go of everything; watch and
+// unwatch are the host's own use of the loop for host_fd.
 struct test_loop {
 #if defined(QUARRY_TEST_LOOP_UV)
   uv_loop_t loop;
   uv_async_t keep_alive;  // the adapter's handles are unreferenced; a host has handles of its own
+  uv_poll_t host;
+  // libuv keeps a pipe for the whole process from its first loop on.
+  static void first_use() {
+    uv_loop_t first;
+    uv_loop_init(&first);
+    uv_loop_close(&first);
+  }
   void* open() {
     uv_loop_init(&loop);
     uv_async_init(&loop, &keep_alive, nullptr);
@@ -47,11 +69,12 @@ struct test_loop {
   void turn() {
     uv_run(&loop, UV_RUN_ONCE);
   }
-  // libuv keeps a pipe for the whole process from its first loop on.
-  static void first_use() {
-    uv_loop_t first;
-    uv_loop_init(&first);
-    uv_loop_close(&first);
+  bool watch(int fd) {
+    return uv_poll_init(&loop, &host, fd) == 0 &&
+           uv_poll_start(&host, UV_READABLE, [](uv_poll_t*, int, int) { host_ready(); }) == 0;
+  }
+  void unwatch() {
+    uv_close(reinterpret_cast<uv_handle_t*>(&host), nullptr);
   }
   bool close(void* adapter) {
     quarry_uv_stop(adapter);
@@ -61,11 +84,22 @@ struct test_loop {
   }
 #elif defined(QUARRY_TEST_LOOP_EVENT)
   event_base* base = event_base_new();
+  event* host = nullptr;
+  static void first_use() {}
   void* open() {
     return quarry_event_start(base);
   }
   void turn() {
     event_base_loop(base, EVLOOP_ONCE);
+  }
+  bool watch(int fd) {
+    host = event_new(
+        base, fd, EV_READ | EV_PERSIST, [](evutil_socket_t, short, void*) { host_ready(); },
+        nullptr);
+    return host != nullptr && event_add(host, nullptr) == 0;
+  }
+  void unwatch() {
+    event_free(host);
   }
   bool close(void* adapter) {
     quarry_event_stop(adapter);
@@ -75,11 +109,23 @@ struct test_loop {
   }
 #elif defined(QUARRY_TEST_LOOP_SDEVENT)
   sd_event* event = nullptr;
+  sd_event_source* host = nullptr;
+  static void first_use() {}
   void* open() {
     return sd_event_new(&event) < 0 ? nullptr : quarry_sdevent_start(event);
   }
   void turn() {
     sd_event_run(event, UINT64_MAX);
+  }
+  bool watch(int fd) {
+    auto ready = [](sd_event_source*, int, uint32_t, void*) {
+      host_ready();
+      return 0;
+    };
+    return sd_event_add_io(event, &host, fd, EPOLLIN, ready, nullptr) >= 0;
+  }
+  void unwatch() {
+    sd_event_source_disable_unref(host);
   }
   bool close(void* adapter) {
     quarry_sdevent_stop(adapter);
@@ -88,11 +134,26 @@ struct test_loop {
   }
 #elif defined(QUARRY_TEST_LOOP_GLIB)
   GMainContext* context = g_main_context_new();
+  GSource* host = nullptr;
+  static void first_use() {}
   void* open() {
     return quarry_glib_start(context);
   }
   void turn() {
     g_main_context_iteration(context, TRUE);
+  }
+  bool watch(int fd) {
+    auto ready = [](int, GIOCondition, void*) -> gboolean {
+      host_ready();
+      return G_SOURCE_CONTINUE;
+    };
+    host = g_unix_fd_source_new(fd, G_IO_IN);
+    g_source_set_callback(host, G_SOURCE_FUNC(+ready), nullptr, nullptr);
+    return g_source_attach(host, context) != 0;
+  }
+  void unwatch() {
+    g_source_destroy(host);
+    g_source_unref(host);
   }
   bool close(void* adapter) {
     quarry_glib_stop(adapter);
@@ -101,19 +162,24 @@ struct test_loop {
   }
 #else
   kelp_loop* loop = kelp_create();
+  static void first_use() {}
   void* open() {
     return loop;
   }
   void turn() {
     kelp_run_once(loop, -1);
   }
+  bool watch(int fd) {
+    return kelp_attach_fd(
+               loop, fd, 0, [](int, uint16_t, void*) { host_ready(); }, 2, 0, nullptr, 0) == 0;
+  }
+  void unwatch() {
+    kelp_forget_fd(loop, host_fd.load());
+  }
   bool close(void*) {
     kelp_destroy(loop);
     return true;
   }
-#endif
-#if !defined(QUARRY_TEST_LOOP_UV)
-  static void first_use() {}
 #endif
 };
 
@@ -125,43 +191,108 @@ size_t open_descriptors() {
   return count;
 }
 
-// Runs the loop on its own thread until stop, which reaches it through the loop's own
-// kelp_attach_fd from this thread, as the library's attachments do.
+// Runs the loop on its own thread. call runs a function there and waits for it; it reaches the
+// loop through the loop's own kelp_attach_fd from this thread, as the library's attachments do.
 class loop_thread {
  public:
   loop_thread() {
     std::promise<void*> started;
     thread_ = std::thread([this, &started] {
       test_loop loop;
+      loop_ = &loop;
       void* adapter = loop.open();
       started.set_value(adapter);
       if (adapter == nullptr) return;
-      while (!stopping_.load()) loop.turn();
+      while (!stopping_) loop.turn();
       closed_cleanly_ = loop.close(adapter);
     });
     adapter_ = started.get_future().get();
     if (adapter_ == nullptr) return;
-    EXPECT_EQ(0, kelp_attach_fd(adapter_, stop_fd_, 0, on_stop, KELP_EVENT_READ, 0, this, 0));
+    EXPECT_EQ(0, kelp_attach_fd(adapter_, call_fd_, 0, on_call, KELP_EVENT_READ, 0, this, 0));
   }
-  ~loop_thread() { close(stop_fd_); }
+  ~loop_thread() { close(call_fd_); }
   void* adapter() const { return adapter_; }
-  bool stop() {
+  void call(std::function<void(test_loop&)> function) {
+    std::promise<void> done;
+    std::future<void> called = done.get_future();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      function_ = [&] {
+        function(*loop_);
+        done.set_value();
+      };
+    }
     uint64_t one = 1;
-    EXPECT_EQ(8, write(stop_fd_, &one, sizeof one));
+    EXPECT_EQ(8, write(call_fd_, &one, sizeof one));
+    called.get();
+  }
+  bool stop() {
+    call([this](test_loop&) { stopping_ = true; });
     thread_.join();
     return closed_cleanly_;
   }
 
  private:
-  static void on_stop(int, uint16_t, void* arg) {
-    static_cast<loop_thread*>(arg)->stopping_ = true;
+  static void on_call(int fd, uint16_t, void* arg) {
+    auto* self = static_cast<loop_thread*>(arg);
+    uint64_t count;
+    if (read(fd, &count, sizeof count) <= 0) return;
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    self->function_();
   }
-  int stop_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  std::atomic<bool> stopping_{false};
+  int call_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  std::mutex mutex_;
+  std::function<void()> function_;
+  test_loop* loop_ = nullptr;
+  bool stopping_ = false;  // the loop's thread only
   bool closed_cleanly_ = false;
   void* adapter_ = nullptr;
   std::thread thread_;
 };
+
+// The library closes descriptors it attached without a word, and their numbers come back at
+// once; here as one of the host's own, which the host watches through its loop as usual. The
+// host must get its events, and the library's callback none of them.
+TEST(EventLoop, ANumberTheLibraryClosedServesTheHostOnceReused) {
+  loop_thread loop;
+  ASSERT_NE(nullptr, loop.adapter());
+  std::string file = make_dir("reused") + "watched";
+  write_file(file, "");
+  int library_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(inotify_add_watch(library_fd, file.c_str(), IN_CLOSE_WRITE), 0);
+  static std::atomic<int> library_calls{0};
+  auto drain = [](int fd, uint16_t, void*) {
+    char events[4096];
+    while (read(fd, events, sizeof events) > 0) ++library_calls;
+  };
+  ASSERT_EQ(0, kelp_attach_fd(loop.adapter(), library_fd, 0, drain, 2, 0, nullptr, 0));
+  write_file(file, "x");
+  ASSERT_TRUE(wait_until([] { return library_calls.load() == 1; }));
+  close(library_fd);
+
+  bool watching = false;
+  loop.call([&](test_loop& host) {
+    host_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    watching = host.watch(host_fd);
+  });
+  ASSERT_EQ(library_fd, host_fd.load());  // the number came back
+  EXPECT_TRUE(watching);
+  uint64_t one = 1;
+  // Twice, with another attachment in between: dropping what was attached under the number
+  // must not drop the host's watch of it.
+  for (int round = 1; round <= 2; ++round) {
+    EXPECT_EQ(8, write(host_fd, &one, sizeof one));
+    EXPECT_TRUE(wait_until([&] { return host_calls.load() == round; })) << round;
+    int other = eventfd(0, EFD_CLOEXEC);
+    EXPECT_EQ(0, kelp_attach_fd(loop.adapter(), other, 0, drain, 2, 0, nullptr, 0));
+    loop.call([](test_loop&) {});  // the attachment has reached the loop
+    close(other);
+  }
+  EXPECT_EQ(1, library_calls.load());
+  loop.call([](test_loop& host) { host.unwatch(); });
+  close(host_fd);
+  EXPECT_TRUE(loop.stop());
+}
 
 TEST(EventLoop, ControlFileAndPipeChurnOnTheLoopThread) {
   quarry_handle* handle = open_handle("looped");
