@@ -7,7 +7,6 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -39,23 +38,23 @@ namespace {
 
 using namespace quarry_test;
 
-// What the host's own code does: one descriptor of its own watched through its loop.
+// The host's own descriptor, which it watches through its loop besides the library's.
 std::atomic<int> host_fd{-1};
 std::atomic<int> host_calls{0};
 void host_ready() {
   uint64_t value;
-  if (read(host_fd.load(), &value, sizeof value) > 0) ++host_calls;
+  if (read(host_fd, &value, sizeof value) > 0) ++host_calls;
 }
 
-// The loop under test, made, turned and ended on the loop's thread. open gives the event_loop
-// pointer for the library; close reports whether the loop let go of everything; watch and
-// unwatch are the host's own use of the loop for host_fd.
+// The loop under test, made, turned and ended on the loop's thread: open gives the library's
+// event_loop pointer, close says whether the loop let go of everything, watch and unwatch are
+// the host's own use of the loop for host_fd. first_use makes what a loop library keeps for the
+// whole process, before descriptors are counted.
 struct test_loop {
 #if defined(QUARRY_TEST_LOOP_UV)
   uv_loop_t loop;
   uv_async_t keep_alive;  // the adapter's handles are unreferenced; a host has handles of its own
   uv_poll_t host;
-  // libuv keeps a pipe for the whole process from its first loop on.
   static void first_use() {
     uv_loop_t first;
     uv_loop_init(&first);
@@ -69,8 +68,8 @@ struct test_loop {
   void turn() {
     uv_run(&loop, UV_RUN_ONCE);
   }
-  bool watch(int fd) {
-    return uv_poll_init(&loop, &host, fd) == 0 &&
+  bool watch() {
+    return uv_poll_init(&loop, &host, host_fd) == 0 &&
            uv_poll_start(&host, UV_READABLE, [](uv_poll_t*, int, int) { host_ready(); }) == 0;
   }
   void unwatch() {
@@ -92,11 +91,10 @@ struct test_loop {
   void turn() {
     event_base_loop(base, EVLOOP_ONCE);
   }
-  bool watch(int fd) {
-    host = event_new(
-        base, fd, EV_READ | EV_PERSIST, [](evutil_socket_t, short, void*) { host_ready(); },
-        nullptr);
-    return host != nullptr && event_add(host, nullptr) == 0;
+  bool watch() {
+    auto ready = [](evutil_socket_t, short, void*) { host_ready(); };
+    host = event_new(base, host_fd, EV_READ | EV_PERSIST, ready, nullptr);
+    return event_add(host, nullptr) == 0;
   }
   void unwatch() {
     event_free(host);
@@ -117,47 +115,39 @@ struct test_loop {
   void turn() {
     sd_event_run(event, UINT64_MAX);
   }
-  bool watch(int fd) {
-    auto ready = [](sd_event_source*, int, uint32_t, void*) {
-      host_ready();
-      return 0;
-    };
-    return sd_event_add_io(event, &host, fd, EPOLLIN, ready, nullptr) >= 0;
+  bool watch() {
+    auto ready = [](sd_event_source*, int, uint32_t, void*) { return host_ready(), 0; };
+    return sd_event_add_io(event, &host, host_fd, EPOLLIN, ready, nullptr) >= 0;
   }
   void unwatch() {
     sd_event_source_disable_unref(host);
   }
   bool close(void* adapter) {
     quarry_sdevent_stop(adapter);
-    sd_event_unref(event);  // its descriptors are gone only if the adapter gave its reference back
+    sd_event_unref(event);  // the final count sees whether the adapter gave its reference back
     return true;
   }
 #elif defined(QUARRY_TEST_LOOP_GLIB)
-  GMainContext* context = g_main_context_new();
-  GSource* host = nullptr;
-  static void first_use() {}
+  guint host = 0;
+  // The default context (a null one given to the adapter) lives as long as the process.
+  static void first_use() {
+    g_main_context_default();
+  }
   void* open() {
-    return quarry_glib_start(context);
+    return quarry_glib_start(nullptr);
   }
   void turn() {
-    g_main_context_iteration(context, TRUE);
+    g_main_context_iteration(nullptr, TRUE);
   }
-  bool watch(int fd) {
-    auto ready = [](int, GIOCondition, void*) -> gboolean {
-      host_ready();
-      return G_SOURCE_CONTINUE;
-    };
-    host = g_unix_fd_source_new(fd, G_IO_IN);
-    g_source_set_callback(host, G_SOURCE_FUNC(+ready), nullptr, nullptr);
-    return g_source_attach(host, context) != 0;
+  bool watch() {
+    auto ready = [](int, GIOCondition, void*) { return host_ready(), gboolean{G_SOURCE_CONTINUE}; };
+    return (host = g_unix_fd_add(host_fd, G_IO_IN, ready, nullptr)) != 0;
   }
   void unwatch() {
-    g_source_destroy(host);
-    g_source_unref(host);
+    g_source_remove(host);
   }
   bool close(void* adapter) {
     quarry_glib_stop(adapter);
-    g_main_context_unref(context);  // likewise
     return true;
   }
 #else
@@ -169,12 +159,12 @@ struct test_loop {
   void turn() {
     kelp_run_once(loop, -1);
   }
-  bool watch(int fd) {
-    return kelp_attach_fd(
-               loop, fd, 0, [](int, uint16_t, void*) { host_ready(); }, 2, 0, nullptr, 0) == 0;
+  bool watch() {
+    auto ready = [](int, uint16_t, void*) { host_ready(); };
+    return kelp_attach_fd(loop, host_fd, 0, ready, KELP_EVENT_READ, 0, nullptr, 0) == 0;
   }
   void unwatch() {
-    kelp_forget_fd(loop, host_fd.load());
+    kelp_forget_fd(loop, host_fd);
   }
   bool close(void*) {
     kelp_destroy(loop);
@@ -191,8 +181,8 @@ size_t open_descriptors() {
   return count;
 }
 
-// Runs the loop on its own thread. call runs a function there and waits for it; it reaches the
-// loop through the loop's own kelp_attach_fd from this thread, as the library's attachments do.
+// Runs the loop on a thread of its own. call runs a function there and waits for it; it reaches
+// the loop through the loop's kelp_attach_fd from this thread, as the library's attachments do.
 class loop_thread {
  public:
   loop_thread() {
@@ -202,19 +192,18 @@ class loop_thread {
       loop_ = &loop;
       void* adapter = loop.open();
       started.set_value(adapter);
-      if (adapter == nullptr) return;
-      while (!stopping_) loop.turn();
-      closed_cleanly_ = loop.close(adapter);
+      while (adapter != nullptr && !stopping_) loop.turn();
+      if (adapter != nullptr) closed_cleanly_ = loop.close(adapter);
     });
     adapter_ = started.get_future().get();
-    if (adapter_ == nullptr) return;
-    EXPECT_EQ(0, kelp_attach_fd(adapter_, call_fd_, 0, on_call, KELP_EVENT_READ, 0, this, 0));
+    if (adapter_ != nullptr) {
+      EXPECT_EQ(0, kelp_attach_fd(adapter_, call_fd_, 0, on_call, KELP_EVENT_READ, 0, this, 0));
+    }
   }
   ~loop_thread() { close(call_fd_); }
   void* adapter() const { return adapter_; }
-  void call(std::function<void(test_loop&)> function) {
+  void call(const std::function<void(test_loop&)>& function) {
     std::promise<void> done;
-    std::future<void> called = done.get_future();
     {
       std::lock_guard<std::mutex> lock(mutex_);
       function_ = [&] {
@@ -224,7 +213,7 @@ class loop_thread {
     }
     uint64_t one = 1;
     EXPECT_EQ(8, write(call_fd_, &one, sizeof one));
-    called.get();
+    done.get_future().get();
   }
   bool stop() {
     call([this](test_loop&) { stopping_ = true; });
@@ -234,11 +223,10 @@ class loop_thread {
 
  private:
   static void on_call(int fd, uint16_t, void* arg) {
-    auto* self = static_cast<loop_thread*>(arg);
     uint64_t count;
-    if (read(fd, &count, sizeof count) <= 0) return;
+    auto* self = static_cast<loop_thread*>(arg);
     std::lock_guard<std::mutex> lock(self->mutex_);
-    self->function_();
+    if (read(fd, &count, sizeof count) > 0) self->function_();
   }
   int call_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   std::mutex mutex_;
@@ -273,7 +261,7 @@ TEST(EventLoop, ANumberTheLibraryClosedServesTheHostOnceReused) {
   bool watching = false;
   loop.call([&](test_loop& host) {
     host_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    watching = host.watch(host_fd);
+    watching = host.watch();
   });
   ASSERT_EQ(library_fd, host_fd.load());  // the number came back
   EXPECT_TRUE(watching);
@@ -283,12 +271,12 @@ TEST(EventLoop, ANumberTheLibraryClosedServesTheHostOnceReused) {
   for (int round = 1; round <= 2; ++round) {
     EXPECT_EQ(8, write(host_fd, &one, sizeof one));
     EXPECT_TRUE(wait_until([&] { return host_calls.load() == round; })) << round;
-    int other = eventfd(0, EFD_CLOEXEC);
+    int other = eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC);  // readable: one call shows it attached
     EXPECT_EQ(0, kelp_attach_fd(loop.adapter(), other, 0, drain, 2, 0, nullptr, 0));
-    loop.call([](test_loop&) {});  // the attachment has reached the loop
+    EXPECT_TRUE(wait_until([&] { return library_calls.load() == 1 + round; })) << round;
     close(other);
   }
-  EXPECT_EQ(1, library_calls.load());
+  EXPECT_EQ(3, library_calls.load());
   loop.call([](test_loop& host) { host.unwatch(); });
   close(host_fd);
   EXPECT_TRUE(loop.stop());
