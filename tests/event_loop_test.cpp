@@ -34,6 +34,13 @@
 #include "quarry/glib.h"
 #endif
 
+#if defined(__SANITIZE_THREAD__) && defined(QUARRY_TSAN_SUPPRESSIONS)
+// kelp's re-arm after a callback meets the library's closes (tests/tsan.supp says why).
+extern "C" const char* __tsan_default_options() {
+  return "suppressions=" QUARRY_TSAN_SUPPRESSIONS;
+}
+#endif
+
 namespace {
 
 using namespace quarry_test;
@@ -251,7 +258,9 @@ TEST(EventLoop, ANumberTheLibraryClosedServesTheHostOnceReused) {
   static std::atomic<int> library_calls{0};
   auto drain = [](int fd, uint16_t, void*) {
     char events[4096];
-    while (read(fd, events, sizeof events) > 0) ++library_calls;
+    int reads = 0;
+    while (read(fd, events, sizeof events) > 0) ++reads;
+    library_calls += reads;  // after the last read: the test closes fd once it sees the count
   };
   ASSERT_EQ(0, kelp_attach_fd(loop.adapter(), library_fd, 0, drain, 2, 0, nullptr, 0));
   write_file(file, "x");

@@ -30,7 +30,8 @@ endif()
 # source (QUARRY_TEST_LOOP_<NAME> picks the loop; one kelp_attach_fd per process).
 if(TARGET event_loop_test AND TARGET kelp)
   target_link_libraries(event_loop_test PRIVATE kelp)
-  target_compile_definitions(event_loop_test PRIVATE QUARRY_TEST_LOOP_KELP)
+  target_compile_definitions(event_loop_test PRIVATE QUARRY_TEST_LOOP_KELP
+    QUARRY_TSAN_SUPPRESSIONS="${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp")
 endif()
 foreach(adapter uv event sdevent glib)
   if(TARGET quarry::${adapter})
