@@ -94,7 +94,10 @@ static void on_ready(void* token) {
   attachment->callback(attachment->fd, KELP_EVENT_READ, attachment->arg);
 }
 
-/* Takes the attachments handed over since the last wake-up and watches them. Loop thread. */
+/* Takes the attachments handed over since the last wake-up and watches them. Loop thread.
+ * One hand-over for every loop, rather than uv_async, event_active or g_main_context_invoke:
+ * writing an eventfd asks nothing of the loop library's own thread safety (libevent without
+ * evthread locking, sd-event), and each adapter only has to watch descriptors. */
 static void on_wake(void* token) {
   struct quarry_adapter* adapter = token;
   uint64_t count;
