@@ -121,6 +121,10 @@ extern "C" QUARRY_EXPORT int quarry_enable_configuration(quarry_handle* hdl, voi
 extern "C" void ctrl_watch_callback(int fd, uint16_t events, void* arg) {
   (void)events;
   circular_buffer* cb = static_cast<circular_buffer*>(arg);
+  // Only the buffer's own watch is read. A loop that calls with another number (one that was
+  // attached before and now names a host descriptor) must not have us consume the host's data.
+  // ctrl_inotify_fd no longer changes once attached, and the loop's hand-over orders the read.
+  if (fd != cb->ctrl_inotify_fd) return;
   // The library's own rewrite (a new child handle) removed the watch first, which queued one
   // IN_IGNORED event; that wake-up only clears the flag. Whatever is queued stays queued: the
   // loop is level-triggered and calls again while the descriptor is readable.

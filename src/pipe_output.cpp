@@ -104,7 +104,9 @@ bool open_pipe(circular_buffer* cb, sigpipe_guard& guard) {
     cb->pipe_watch = -1;
     return true;
   }
-  // kelp_attach_fd is a weak reference, null when the host has no event-loop library.
+  // kelp_attach_fd is a weak reference, null when the host has no event-loop library. Called
+  // with the mutex held, so the descriptor stays open for the whole call: close_pipe needs the
+  // mutex too. Afterwards it may be closed at any time; the loop must cope (see kelp.h).
   if (kelp_attach_fd == nullptr || kelp_attach_fd(cb->event_loop, cb->pipe_inotify_fd, 0,
                                                   pipe_watch_callback, 2, 0, cb, 0) != 0) {
     fprintf(stderr, "QUARRY ERROR: Unable to attach pipe inotify fd to kelp\n");
@@ -169,9 +171,10 @@ void close_pipe(circular_buffer* cb) {
     cb->pipe_watch = -1;
   }
   if (cb->pipe_inotify_fd != -1) {
-    // The event loop is not told: the library has no detach operation, and needs none. Closing
-    // the descriptor drops its epoll registration in the kernel, and kelp ignores the stale
-    // table entry it keeps for the number (a later attachment of that number replaces it).
+    // The event loop is not told: the library has no detach operation. Removing the watch
+    // first queues IN_IGNORED, so a loop that watches a duplicate of the descriptor (the
+    // adapters do) sees it readable and finds it closed. kelp needs neither: closing drops the
+    // epoll registration, and a later attachment of the number replaces its stale entry.
     close(cb->pipe_inotify_fd);
     cb->pipe_inotify_fd = -1;
   }

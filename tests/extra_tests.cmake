@@ -36,3 +36,24 @@ if(TARGET quarryctl_test AND TARGET quarry_layout)
     add_dependencies(quarryctl_test quarryctl demo_host)
   endif()
 endif()
+
+# event_loop_test runs a real event loop on a thread of its own: kelp in the executable globbed
+# above, and each event-loop adapter that was built in an executable of its own, from the same
+# source (QUARRY_TEST_LOOP_<NAME> picks the loop; one kelp_attach_fd per process).
+if(TARGET event_loop_test AND TARGET kelp)
+  target_link_libraries(event_loop_test PRIVATE kelp)
+  target_compile_definitions(event_loop_test PRIVATE QUARRY_TEST_LOOP_KELP
+    QUARRY_TSAN_SUPPRESSIONS="${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp")
+endif()
+foreach(adapter uv event sdevent glib)
+  if(TARGET quarry::${adapter})
+    add_executable(event_loop_${adapter}_test event_loop_test.cpp)
+    target_link_libraries(event_loop_${adapter}_test
+      PRIVATE quarry_test_support GTest::gtest_main quarry::${adapter})
+    target_include_directories(event_loop_${adapter}_test PRIVATE ${PROJECT_SOURCE_DIR}/kelp/include)
+    string(TOUPPER ${adapter} loop_name)
+    target_compile_definitions(event_loop_${adapter}_test PRIVATE QUARRY_TEST_LOOP_${loop_name})
+    gtest_discover_tests(event_loop_${adapter}_test TEST_PREFIX ${adapter}.
+      DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+  endif()
+endforeach()

@@ -200,4 +200,19 @@ TEST(ControlFileWatch, GrowthWhileWritersRun) {
   EXPECT_EQ(0u, read_file(handle->cb->ctrl_file_name).find("MAX_SIZE 1048576\n"));
 }
 
+// A loop may call with a number that was attached once and now names one of the host's
+// descriptors: the callback must leave the host's data alone.
+TEST(ControlFileWatch, CallbackReadsOnlyTheBuffersOwnWatch) {
+  quarry_handle* handle = open_handle("own");
+  ASSERT_EQ(0, quarry_enable_configuration2(handle));
+  int host[2];
+  ASSERT_EQ(0, pipe2(host, O_NONBLOCK));
+  ASSERT_EQ(1, write(host[1], "h", 1));
+  ctrl_watch_callback(host[0], KELP_EVENT_READ, handle->cb);
+  char byte;
+  EXPECT_EQ(1, read(host[0], &byte, 1));
+  close(host[0]);
+  close(host[1]);
+}
+
 }  // namespace

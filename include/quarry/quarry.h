@@ -168,7 +168,9 @@ QUARRY_EXPORT int quarry_dump_all(void);
 
 /* Applies the buffer's control file, rewrites it and watches it with inotify, then attaches
  * the watch to the host's event loop with kelp_attach_fd. Results: 0 done; the non-zero
- * result of quarry_enable_configuration2; 6 kelp_attach_fd failed or is not linked. */
+ * result of quarry_enable_configuration2; 6 kelp_attach_fd failed or is not linked.
+ * event_loop is what the host's kelp_attach_fd takes: a kelp loop, or the pointer given by an
+ * adapter's start (<quarry/uv.h>, event.h, sdevent.h, glib.h); contract in kelp/kelp.h. */
 QUARRY_EXPORT int quarry_enable_configuration(quarry_handle* hdl, void* event_loop);
 /* The same set-up without an event loop. Results: 0 set up (now or earlier); -2 `hdl` null;
  * -1 buffer lock failed; 2 inotify_init failed; 3 F_GETFL failed; 4 F_SETFL failed;

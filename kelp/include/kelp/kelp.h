@@ -38,7 +38,35 @@ KELP_API kelp_loop* kelp_create(void);
  * to the caller). Must not be called while a thread runs the loop or from a callback. */
 KELP_API void kelp_destroy(kelp_loop* loop);
 
-/* Attaches fd to loop (a kelp_loop*, typed void* for callers that see only an opaque
+/* kelp_attach_fd is also the one entry point through which libquarry.so reaches the host's
+ * event loop, whoever defines it: kelp below, an event-loop adapter (quarry::uv, quarry::event,
+ * quarry::sdevent, quarry::glib) or the host itself; exactly one definition per process, visible
+ * to libquarry.so (docs/event-loops.md). What the library passes and needs:
+ *   Calls: kelp_attach_fd(event_loop, fd, 0, callback, KELP_EVENT_READ, 0, buffer, 0), where
+ *     event_loop is the pointer given to quarry_enable_configuration (null for a pipe opened
+ *     before it: then a failure is expected), fd a non-blocking close-on-exec inotify descriptor
+ *     and buffer an opaque pointer to hand back. A non-zero result means failure.
+ *   Threads: from quarry_enable_configuration on its caller's thread, holding no lock; and when
+ *     a reader opens a buffer's pipe, from whichever host thread writes the next piped record,
+ *     in the middle of that trace call, holding the buffer's mutex, which both callbacks take.
+ *     So the implementation must return promptly: never wait for the loop's thread, never call
+ *     into quarry, take no lock that is held while a callback runs. A loop whose API is not
+ *     thread-safe must hand the attachment over to its thread.
+ *   Callback: callback(fd, events, buffer) on the loop's thread, one call at a time, whenever fd
+ *     is readable and again while it stays readable (the control-file callback may leave events
+ *     queued on purpose). It drains fd and may re-read the control file, switch handles, grow
+ *     the buffer (allocating) and dump it to a trace file; the pipe callback closes the
+ *     library's end of a deleted pipe. Both ignore a call for a number that is no longer theirs.
+ *   Lifetime: the control-file descriptor stays open for the life of the process. A pipe watch
+ *     descriptor is closed when its pipe session ends, from any thread or from its own
+ *     callback, with no detach call (its inotify watch is removed first, which makes it
+ *     readable). Its number comes back at once: as the library's next pipe watch, attached
+ *     again, or as any descriptor the host opens. An implementation must therefore keep no
+ *     loop registration under a number the library may close (watch a duplicate, or detect the
+ *     close), treat an attachment of a number already attached as a replacement, drop a stale
+ *     attachment itself rather than call into it forever, and never abort on EBADF or EEXIST.
+ *
+ * Attaches fd to loop (a kelp_loop*, typed void* for callers that see only an opaque
  * context): callback(fd, events, arg) is called on the loop's thread while fd is ready.
  *   options   must be KELP_OPTIONS_LEVEL (0).
  *   events    a mask of KELP_EVENT_READ and KELP_EVENT_WRITE (2 = call when readable);
