@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "fork_handlers.h"
 #include "ring.h"
 #include "trace_file.h"
 
@@ -41,6 +42,9 @@ int dump_circular_buffer(circular_buffer* cb) {
     report_dump_failure(kOpenFailed, path, ENAMETOOLONG);
     return 1;
   }
+
+  // A forked child's directories appear with its first file there.
+  ensure_inherited_buffer_directory(cb, path);
 
   // Trace files are meant for whoever collects them, whatever the host's umask. The umask is
   // process-wide: a file another thread creates in this short window gets umask 0.

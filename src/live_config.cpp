@@ -13,6 +13,7 @@
 
 #include "buffer.h"
 #include "ctrl_file.h"
+#include "fork_handlers.h"
 
 namespace {
 
@@ -44,6 +45,12 @@ extern "C" QUARRY_EXPORT int quarry_enable_configuration2(quarry_handle* hdl) {
   if (cb->ctrl_inotify_fd != -1) {
     QUARRY_UNLOCK_CB(cb);
     return 0;
+  }
+  // A forked child watches a control file of its own, never its parent's.
+  if (adopt_inherited_ctrl_file(cb) != 0) {
+    fprintf(stderr, "quarry_enable_configuration(): unable to name the control file of a forked child.\n");
+    QUARRY_UNLOCK_CB(cb);
+    return 5;
   }
   // Settings left on disk (by an operator or an earlier run) apply first, without the dump
   // that every written file requests; then the file shows the buffer's actual state.
@@ -121,6 +128,12 @@ extern "C" QUARRY_EXPORT int quarry_enable_configuration(quarry_handle* hdl, voi
 extern "C" void ctrl_watch_callback(int fd, uint16_t events, void* arg) {
   (void)events;
   circular_buffer* cb = static_cast<circular_buffer*>(arg);
+  // A wake-up for a descriptor that is not this buffer's watch is stale: a forked child that
+  // runs the event loop it inherited meets its parent's watch, which is not the child's to read.
+  if (pthread_mutex_lock(&cb->mutex) != 0) return;
+  bool current = fd == cb->ctrl_inotify_fd;
+  QUARRY_UNLOCK_CB(cb);
+  if (!current) return;
   // The library's own rewrite (a new child handle) removed the watch first, which queued one
   // IN_IGNORED event; that wake-up only clears the flag. Whatever is queued stays queued: the
   // loop is level-triggered and calls again while the descriptor is readable.

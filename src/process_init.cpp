@@ -11,6 +11,7 @@
 
 #include "buffer.h"
 #include "env.h"
+#include "fork_handlers.h"
 #include "identity.h"
 #include "trace_file.h"
 
@@ -153,6 +154,9 @@ int quarry_global_init_once() {
   }
   atexit(dump_at_exit);
   if (process_env == nullptr) process_env = obtain_env();
+  // Buffers may exist from here on (the open creates them even when the info file is not
+  // written yet), so a fork from here on must give the child its own files.
+  if (process_env != nullptr) register_fork_handlers();
   // Without a trace base directory (out of memory) there is no info file; init_done stays 0 so
   // the next open tries again, and the open creates no buffer meanwhile.
   if (process_env == nullptr || write_info_file() != 0) {
