@@ -29,8 +29,7 @@ size_t own_process_dir_length;
 // 1 from the fork until the child's process directory and info file exist.
 std::atomic<int> own_directory_pending{0};
 
-// Written under circular_buffer_list_mutex by the initialisation.
-bool handlers_registered;
+pthread_once_t registration = PTHREAD_ONCE_INIT;
 // Built at registration, so that the child handler only initialises mutexes with it.
 pthread_mutexattr_t recursive_attr;
 // Whether prepare_fork holds every lock; read by the handlers that run after it in the same
@@ -175,6 +174,13 @@ void child_after_fork() {
   // prepare_fork held them all. (glibc's mutex initialisation only stores into the mutex.)
   fork_locked = false;
   pthread_mutex_init(&circular_buffer_list_mutex, nullptr);
+  for (circular_buffer* cb = circular_buffer_list.load(std::memory_order_acquire); cb != nullptr;
+       cb = cb->next.load(std::memory_order_acquire)) {
+    pthread_mutex_init(&cb->mutex, &recursive_attr);
+  }
+  // Forked before the initialisation got as far as a trace base directory: no buffer exists
+  // and the child starts from scratch, like any process.
+  if (process_env == nullptr) return;
 
   parent_process_id = process_id;
   process_id = static_cast<int32_t>(getpid());
@@ -188,7 +194,6 @@ void child_after_fork() {
 
   for (circular_buffer* cb = circular_buffer_list.load(std::memory_order_acquire); cb != nullptr;
        cb = cb->next.load(std::memory_order_acquire)) {
-    pthread_mutex_init(&cb->mutex, &recursive_attr);
     // From now on its files are named below own_process_dir (own_file_base), and its open
     // block, built with the parent's pid, is formatted at each dump instead.
     cb->inherited.store(kInheritedNoDirectory, std::memory_order_release);
@@ -200,12 +205,13 @@ void child_after_fork() {
 }  // namespace
 
 void register_fork_handlers() {
-  if (handlers_registered) return;
-  pthread_mutexattr_init(&recursive_attr);
-  pthread_mutexattr_settype(&recursive_attr, PTHREAD_MUTEX_RECURSIVE);
-  if (pthread_atfork(prepare_fork, parent_after_fork, child_after_fork) == 0) {
-    handlers_registered = true;
-  }
+  // Without the handlers (pthread_atfork out of memory) children write their parent's files,
+  // as before this library knew about fork; there is no one to tell.
+  pthread_once(&registration, [] {
+    pthread_mutexattr_init(&recursive_attr);
+    pthread_mutexattr_settype(&recursive_attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_atfork(prepare_fork, parent_after_fork, child_after_fork);
+  });
 }
 
 const char* own_file_base(const circular_buffer* cb, char* area, size_t capacity, size_t* length) {

@@ -21,8 +21,9 @@ enum : uint8_t {
   kInheritedWithDirectory = 2,  // inherited across fork; the child's directory exists
 };
 
-// Registers the fork handlers, once per process. Called by the initialisation under
-// circular_buffer_list_mutex (the handlers are only needed once there is state to inherit).
+// Registers the fork handlers, once per process. Called by the initialisation before it takes
+// circular_buffer_list_mutex: fork() may hold the C library's handler lock while prepare_fork
+// waits for that mutex, so registering under it could deadlock against a concurrent fork.
 void register_fork_handlers();
 
 // The base path (buffer directory + "quarry") of the buffer's trace files as this process

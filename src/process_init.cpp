@@ -123,6 +123,8 @@ stop:
 }
 
 int quarry_global_init_once() {
+  // Before anything a child could inherit exists, and outside the lock (fork_handlers.h).
+  register_fork_handlers();
   if (pthread_mutex_lock(&circular_buffer_list_mutex) != 0) return -1;
   if (init_done == 1) {
     QUARRY_UNLOCK_LIST();
@@ -154,9 +156,6 @@ int quarry_global_init_once() {
   }
   atexit(dump_at_exit);
   if (process_env == nullptr) process_env = obtain_env();
-  // Buffers may exist from here on (the open creates them even when the info file is not
-  // written yet), so a fork from here on must give the child its own files.
-  if (process_env != nullptr) register_fork_handlers();
   // Without a trace base directory (out of memory) there is no info file; init_done stays 0 so
   // the next open tries again, and the open creates no buffer meanwhile.
   if (process_env == nullptr || write_info_file() != 0) {
