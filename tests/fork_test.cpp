@@ -21,8 +21,8 @@ using quarry_test::read_file;
 using quarry_test::read_trace;
 using quarry_test::trace_file;
 
-std::string buffer_file(const std::string& process, const std::string& name) {
-  return base_dir() + process + "/" + name + "/";
+std::string in_buffer(const std::string& process, const std::string& name, const char* file) {
+  return base_dir() + process + "/" + name + "/" + file;
 }
 
 // The argument of every one-integer record ("d": five words, the value last), in ring order.
@@ -69,7 +69,7 @@ TEST(ForkTest, EveryWorkerKeepsItsOwnFilesAndIdentity) {
 
     const std::string pid = std::to_string(workers[w]);
     const std::string name = "prefork." + pid;
-    trace_file file = read_trace(buffer_file(name, "net") + "quarry_0.trc");
+    trace_file file = read_trace(in_buffer(name, "net", "quarry_0.trc"));
     ASSERT_TRUE(file.complete);
     EXPECT_EQ(pid, file.value("QUARRY_PROCESS_ID"));
     EXPECT_NE(std::string::npos,
@@ -82,7 +82,7 @@ TEST(ForkTest, EveryWorkerKeepsItsOwnFilesAndIdentity) {
               read_file(base_dir() + name + "/quarry.info"));
   }
 
-  trace_file parent = read_trace(buffer_file("prefork", "net") + "quarry_0.trc");
+  trace_file parent = read_trace(in_buffer("prefork", "net", "quarry_0.trc"));
   EXPECT_EQ(parent_pid, parent.value("QUARRY_PROCESS_ID"));
   EXPECT_EQ(0u, parent.items.count("PARENT_PID"));
   EXPECT_EQ((std::vector<uint32_t>{0xA0, 0xA1}), values_of(parent));
@@ -115,13 +115,13 @@ TEST(ForkTest, ForksWhileLocksAreHeldLeaveChildrenThatOpenAndDump) {
     if (pid == 0) {
       alarm(10);
       quarry_handle* own = nullptr;
-      bool ok = quarry_open_internal(&own, "own", 4096, 1, "fork.dec", "t", nullptr) == 0;
-      ok = ok && quarry_set_current_thread_name("worker") == 0;
       quarry_set_enabled(h, false);
-      ok = ok && quarry_enable_configuration2(h) == 0;  // set up afresh: its own file
-      QUARRY_TRACE(own, 0, "d", 1);
-      ok = ok && quarry_dump(h) == 0 && quarry_dump(own) == 0;
-      _exit(ok ? 0 : 1);
+      _exit(quarry_open_internal(&own, "own", 4096, 1, "fork.dec", "t", nullptr) == 0 &&
+                    quarry_set_current_thread_name("worker") == 0 &&
+                    quarry_enable_configuration2(h) == 0 &&  // set up afresh: its own file
+                    quarry_dump(h) == 0 && quarry_dump(own) == 0
+                ? 0
+                : 1);
     }
     children.push_back(pid);
   }
@@ -133,15 +133,14 @@ TEST(ForkTest, ForksWhileLocksAreHeldLeaveChildrenThatOpenAndDump) {
     ASSERT_EQ(pid, waitpid(pid, &status, 0));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
     const std::string name = "locks." + std::to_string(pid);
-    EXPECT_NE(std::string::npos,
-              read_file(buffer_file(name, "live") + "quarry.ctrl").find("NOTRACE live\n"));
-    EXPECT_EQ(std::to_string(pid),
-              read_trace(buffer_file(name, "own") + "quarry_0.trc").value("QUARRY_PROCESS_ID"));
-    EXPECT_EQ(std::to_string(pid),
-              read_trace(buffer_file(name, "live") + "quarry_0.trc").value("QUARRY_PROCESS_ID"));
+    EXPECT_NE(std::string::npos, read_file(in_buffer(name, "live", "quarry.ctrl")).find("NOTRACE"));
+    for (const char* buffer : {"own", "live"}) {
+      EXPECT_EQ(std::to_string(pid),
+                read_trace(in_buffer(name, buffer, "quarry_0.trc")).value("QUARRY_PROCESS_ID"));
+    }
   }
   EXPECT_NE(std::string::npos,
-            read_file(buffer_file("locks", "live") + "quarry.ctrl").find("\nTRACE live\n"));
+            read_file(in_buffer("locks", "live", "quarry.ctrl")).find("\nTRACE live\n"));
 }
 
 }  // namespace
