@@ -48,7 +48,8 @@ extern "C" QUARRY_EXPORT int quarry_enable_configuration2(quarry_handle* hdl) {
   }
   // A forked child watches a control file of its own, never its parent's.
   if (adopt_inherited_ctrl_file(cb) != 0) {
-    fprintf(stderr, "quarry_enable_configuration(): unable to name the control file of a forked child.\n");
+    fprintf(stderr,
+            "quarry_enable_configuration(): unable to name the control file of a forked child.\n");
     QUARRY_UNLOCK_CB(cb);
     return 5;
   }
