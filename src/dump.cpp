@@ -1,6 +1,6 @@
 // Dumping buffers to trace files: one buffer (dump_circular_buffer, quarry_dump), all buffers
 // (quarry_dump_all, also run by the signal handlers) and the exit dump. Thread contract: no
-// lock, no allocation, no stdio; only open, write, close, umask and the clocks, so every
+// lock, no allocation, no stdio; only open, write, close, umask, mkdir and the clocks, so every
 // function here may run inside a signal handler and while other threads hold any quarry lock.
 #include <errno.h>
 #include <fcntl.h>
