@@ -79,6 +79,10 @@ struct circular_buffer {
   std::atomic<uint32_t> wraparound_count;
   std::atomic<uint64_t> min_wraparound_time;
   std::atomic<uint64_t> max_wraparound_time;
+  // Set in a forked child for every buffer it inherited (values in fork_handlers.h): its files
+  // then go below the child's own directory. Written by the child's fork handler and once by
+  // the first file the child writes; read by dumps, so atomic.
+  std::atomic<uint8_t> inherited;
 };
 
 // Wall-clock time (gettimeofday) and CLOCK_MONOTONIC time, read together.

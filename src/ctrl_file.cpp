@@ -13,6 +13,7 @@
 #include <strings.h>
 #include <sys/stat.h>
 
+#include "fork_handlers.h"
 #include "ring.h"
 #include "trace_file.h"
 
@@ -160,7 +161,10 @@ int parse_ctrl_file(circular_buffer* cb, int allow_dump) {
       int count = ctrl_atoi(value);
       if (count == 0) count = 2;
       cb->file_loop_count = count;
-      cb->file_loop_index = next_loop_index(latest_file_loop_index(cb->output_file_name), count);
+      char own_base[PATH_MAX];  // a forked child looks at its own files (fork_handlers.h)
+      size_t base_length;
+      const char* base = own_file_base(cb, own_base, sizeof own_base, &base_length);
+      cb->file_loop_index = next_loop_index(latest_file_loop_index(base), count);
     }
   }
   if (allow_dump && dump_requested) {

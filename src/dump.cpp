@@ -1,12 +1,13 @@
 // Dumping buffers to trace files: one buffer (dump_circular_buffer, quarry_dump), all buffers
 // (quarry_dump_all, also run by the signal handlers) and the exit dump. Thread contract: no
-// lock, no allocation, no stdio; only open, write, close, umask and the clocks, so every
+// lock, no allocation, no stdio; only open, write, close, umask, mkdir and the clocks, so every
 // function here may run inside a signal handler and while other threads hold any quarry lock.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "fork_handlers.h"
 #include "ring.h"
 #include "trace_file.h"
 
@@ -41,6 +42,9 @@ int dump_circular_buffer(circular_buffer* cb) {
     report_dump_failure(kOpenFailed, path, ENAMETOOLONG);
     return 1;
   }
+
+  // A forked child's directories appear with its first file there.
+  ensure_inherited_buffer_directory(cb, path);
 
   // Trace files are meant for whoever collects them, whatever the host's umask. The umask is
   // process-wide: a file another thread creates in this short window gets umask 0.

@@ -13,6 +13,7 @@
 
 #include "buffer.h"
 #include "ctrl_file.h"
+#include "fork_handlers.h"
 
 namespace {
 
@@ -44,6 +45,13 @@ extern "C" QUARRY_EXPORT int quarry_enable_configuration2(quarry_handle* hdl) {
   if (cb->ctrl_inotify_fd != -1) {
     QUARRY_UNLOCK_CB(cb);
     return 0;
+  }
+  // A forked child watches a control file of its own, never its parent's.
+  if (adopt_inherited_ctrl_file(cb) != 0) {
+    fprintf(stderr,
+            "quarry_enable_configuration(): unable to name the control file of a forked child.\n");
+    QUARRY_UNLOCK_CB(cb);
+    return 5;
   }
   // Settings left on disk (by an operator or an earlier run) apply first, without the dump
   // that every written file requests; then the file shows the buffer's actual state.
@@ -121,10 +129,14 @@ extern "C" QUARRY_EXPORT int quarry_enable_configuration(quarry_handle* hdl, voi
 extern "C" void ctrl_watch_callback(int fd, uint16_t events, void* arg) {
   (void)events;
   circular_buffer* cb = static_cast<circular_buffer*>(arg);
-  // Only the buffer's own watch is read. A loop that calls with another number (one that was
-  // attached before and now names a host descriptor) must not have us consume the host's data.
-  // ctrl_inotify_fd no longer changes once attached, and the loop's hand-over orders the read.
-  if (fd != cb->ctrl_inotify_fd) return;
+  // Only the buffer's own watch is read. A loop that calls with another number (one attached
+  // before and now naming a host descriptor, or, in a forked child that runs the loop it
+  // inherited, its parent's watch) must not have us consume data that is not ours. The watch
+  // descriptor changes only under the buffer's mutex (a child re-enabling configuration).
+  if (pthread_mutex_lock(&cb->mutex) != 0) return;
+  bool current = fd == cb->ctrl_inotify_fd;
+  QUARRY_UNLOCK_CB(cb);
+  if (!current) return;
   // The library's own rewrite (a new child handle) removed the watch first, which queued one
   // IN_IGNORED event; that wake-up only clears the flag. Whatever is queued stays queued: the
   // loop is level-triggered and calls again while the descriptor is readable.

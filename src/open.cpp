@@ -18,6 +18,7 @@
 #include "crash_signals.h"
 #include "ctrl_file.h"
 #include "env.h"
+#include "fork_handlers.h"
 #include "process_init.h"
 #include "ring.h"
 #include "trace_file.h"
@@ -312,6 +313,8 @@ extern "C" QUARRY_EXPORT int quarry_open_internal(quarry_handle** out, const cha
   // Its result is not needed here: a failed run is repeated by the next open, and a buffer is
   // only created once there is a trace base directory (create_buffer).
   quarry_global_init_once();
+  // A forked child that opens is tracing as itself: its directory and info file appear now.
+  ensure_own_process_directory();
 
   if (parent == nullptr) {
     unsigned int clamped = size < kMinBufferSize   ? kMinBufferSize

@@ -11,6 +11,7 @@
 
 #include "buffer.h"
 #include "env.h"
+#include "fork_handlers.h"
 #include "identity.h"
 #include "trace_file.h"
 
@@ -122,6 +123,8 @@ stop:
 }
 
 int quarry_global_init_once() {
+  // Before anything a child could inherit exists, and outside the lock (fork_handlers.h).
+  register_fork_handlers();
   if (pthread_mutex_lock(&circular_buffer_list_mutex) != 0) return -1;
   if (init_done == 1) {
     QUARRY_UNLOCK_LIST();

@@ -11,6 +11,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "fork_handlers.h"
 #include "ring.h"
 #include "sigsafe_format.h"
 
@@ -170,8 +171,11 @@ int trace_file_path(const circular_buffer* cb, char out[256]) {
   constexpr uint32_t kMaxPath = 255;
   constexpr char kExtension[] = ".trc";
   constexpr uint32_t kExtensionLength = sizeof kExtension - 1;
-  // The suffix test uses the full length of output_file_name, not the copy cut to 255.
-  size_t base_length = strlen(cb->output_file_name);
+  // The suffix test uses the full length of the base, not the copy cut to 255. In a forked
+  // child an inherited buffer's base is composed in its own directory (fork_handlers.h).
+  char own_base[256];
+  size_t base_length;
+  const char* base = own_file_base(cb, own_base, sizeof own_base, &base_length);
 
   char index_area[kDigitArea];
   sigsafe_text index(index_area, sizeof index_area);
@@ -179,7 +183,7 @@ int trace_file_path(const circular_buffer* cb, char out[256]) {
   index.append_signed(cb->file_loop_index);
 
   sigsafe_text path(out, 256);
-  path.append(cb->output_file_name);  // cut to 255 characters
+  path.append(base);  // cut to 255 characters
   if (cb->file_loop_count > 0 && base_length + index.length() + kExtensionLength <= kMaxPath) {
     path.append(index.c_str(), index.length());
   }
@@ -244,8 +248,10 @@ int write_trace_header_sized(circular_buffer* cb, uint32_t size_words, int fd, c
 
   // Section 1. A buffer whose open block could not be allocated at creation gets one
   // formatted now from the current identity and clock state, so that its file stays
-  // decodable; only values changed since creation (a later node id) can differ.
-  const char* open_block = cb->output_header;
+  // decodable; only values changed since creation (a later node id) can differ. A forked
+  // child does the same for the buffers it inherited: their block names the parent's pid.
+  const char* open_block =
+      cb->inherited.load(std::memory_order_relaxed) == kOwnBuffer ? cb->output_header : nullptr;
   char fallback[768];  // ten keys, six 16-digit numbers, a pid and up to 255 bytes of argv0
   uint32_t open_length;
   if (open_block != nullptr) {
@@ -287,13 +293,21 @@ int write_trace_header_sized(circular_buffer* cb, uint32_t size_words, int fd, c
   if (write_all_or_report(fd, omega.c_str(), omega.length(), kOmegaFailed, path) != 0) return 1;
   header_bytes += omega.length();
 
-  // Section 3.
-  if (process_name[0] != '\0') {
+  // Section 3, and in a forked child the parent's pid right after it (both fit the area:
+  // 266 characters at most, then at most 23).
+  if (process_name[0] != '\0' || parent_process_id != 0) {
     char name_area[300];
     sigsafe_text name_line(name_area, sizeof name_area);
-    name_line.append("PROG_NAME ");
-    name_line.append(process_name, static_cast<uint32_t>(strnlen(process_name, 255)));
-    name_line.append("\n");
+    if (process_name[0] != '\0') {
+      name_line.append("PROG_NAME ");
+      name_line.append(process_name, static_cast<uint32_t>(strnlen(process_name, 255)));
+      name_line.append("\n");
+    }
+    if (parent_process_id != 0) {
+      name_line.append("PARENT_PID ");
+      name_line.append_signed(parent_process_id);
+      name_line.append("\n");
+    }
     if (write_all_or_report(fd, name_line.c_str(), name_line.length(), kProgNameFailed, path) !=
         0) {
       return 1;

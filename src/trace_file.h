@@ -17,8 +17,9 @@ void build_output_header(circular_buffer* cb);
 // the dump for a buffer whose output_header could not be built.
 uint32_t format_open_block(char* out, uint32_t capacity);
 
-// Builds the trace file path of the buffer's next dump into out (256 bytes): output_file_name,
-// "_<file_loop_index>" when rotation is on and the path stays within 255 characters, ".trc".
+// Builds the trace file path of the buffer's next dump into out (256 bytes): output_file_name
+// (in a forked child, own_file_base of fork_handlers.h), "_<file_loop_index>" when rotation is
+// on and the path stays within 255 characters, ".trc".
 // Returns the path's length, or -1 when even "<output_file_name>.trc" exceeds 255 characters;
 // out then holds output_file_name cut to 255 characters.
 int trace_file_path(const circular_buffer* cb, char out[256]);

@@ -16,9 +16,12 @@ namespace quarry_test {
 namespace {
 
 std::string g_base;
+pid_t g_base_owner;
 
 void remove_base_dir() {
-  if (g_base.empty()) return;
+  // Forked children run this exit handler too; only the process that made the directory
+  // removes it.
+  if (g_base.empty() || getpid() != g_base_owner) return;
   std::string command = "rm -rf '" + g_base + "'";
   if (system(command.c_str()) != 0) return;
 }
@@ -34,6 +37,7 @@ struct BaseDirSetup {
     buf.push_back('\0');
     if (mkdtemp(buf.data()) == nullptr) abort();
     g_base = std::string(buf.data()) + "/";
+    g_base_owner = getpid();
     setenv("QUARRY_PATH", g_base.c_str(), 1);
     setenv("QUARRY_DEC_PATH", g_base.c_str(), 1);
     atexit(remove_base_dir);
