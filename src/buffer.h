@@ -14,6 +14,7 @@
 
 struct circular_buffer;
 struct retired_ring;
+struct persistent_ring;
 
 // One opened handle name. Allocated as one block: the fixed fields, then the inline
 // NUL-terminated `decode_file` string.
@@ -79,6 +80,9 @@ struct circular_buffer {
   std::atomic<uint32_t> wraparound_count;
   std::atomic<uint64_t> min_wraparound_time;
   std::atomic<uint64_t> max_wraparound_time;
+  // Set before the buffer is published when its memory is a file mapping (QUARRY_PERSIST,
+  // persistent_ring.h); null for process memory. The record path never looks at it.
+  persistent_ring* persistent;
 };
 
 // Wall-clock time (gettimeofday) and CLOCK_MONOTONIC time, read together.
