@@ -446,7 +446,7 @@ extern "C" QUARRY_EXPORT int quarry_open_internal(quarry_handle** out, const cha
     _quarry_hashtable_put(st.cb->handles, handle->name, handle, nullptr);
     append_handle_node(st.cb, st.node);
     st.cb->handle_count.fetch_add(1, std::memory_order_release);
-    persistent_ring_attach(st.cb);  // QUARRY_PERSIST: memory into a file mapping; never fails
+    persistent_ring_attach(st.cb);    // QUARRY_PERSIST: memory into a file mapping; never fails
     register_circular_buffer(st.cb);  // a handler that could not be installed is reported there
     QUARRY_UNLOCK_LIST();
     return 0;

@@ -151,9 +151,13 @@ void remove_run(const char* run_dir) {
   rmdir(run_dir);
 }
 
+bool newer(const struct timespec& a, const struct timespec& b) {
+  return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
 struct previous_run {
   char name[256];
-  time_t mtime;
+  struct timespec mtime;
 };
 
 // Keeps the newest kKeptPreviousRuns - 1 dead runs of the buffer directory (the run being
@@ -172,12 +176,12 @@ void prune_previous_runs(const char* buffer_dir) {
       continue;
     previous_run run;
     snprintf(run.name, sizeof run.name, "%s", entry->d_name);
-    run.mtime = st.st_mtime;
+    run.mtime = st.st_mtim;
     // With more than the array holds, the oldest entry seen so far is dropped at once.
     if (count == 64) {
       int oldest = 0;
       for (int i = 1; i < count; ++i) {
-        if (runs[i].mtime < runs[oldest].mtime) oldest = i;
+        if (newer(runs[oldest].mtime, runs[i].mtime)) oldest = i;
       }
       if (format_path(path, "%s%s", buffer_dir, runs[oldest].name)) remove_run(path);
       runs[oldest] = run;
@@ -188,7 +192,7 @@ void prune_previous_runs(const char* buffer_dir) {
   closedir(dir);
   // Newest first (a handful of entries: insertion sort).
   for (int i = 1; i < count; ++i) {
-    for (int j = i; j > 0 && runs[j].mtime > runs[j - 1].mtime; --j) {
+    for (int j = i; j > 0 && newer(runs[j].mtime, runs[j - 1].mtime); --j) {
       previous_run t = runs[j];
       runs[j] = runs[j - 1];
       runs[j - 1] = t;
@@ -310,22 +314,6 @@ void write_header(circular_buffer* cb) {
   }
 }
 
-// At a normal exit nothing needs recovering: each persistent buffer gets its exit dump here
-// (atexit runs this before the library's own exit dump, which then skips it), and its run is
-// removed once that dump is on disk. A failed dump leaves the run for recovery.
-void remove_runs_at_exit() {
-  take_time_sample(&time_omega);
-  for (circular_buffer* cb = circular_buffer_list.load(std::memory_order_acquire); cb != nullptr;
-       cb = cb->next.load(std::memory_order_acquire)) {
-    if (!owns_files(cb->persistent)) continue;
-    if (cb->dump_on_exit.load(std::memory_order_relaxed) != 0) {
-      if (dump_circular_buffer(cb) != 0) continue;
-      cb->dump_on_exit.store(0, std::memory_order_relaxed);
-    }
-    remove_run(cb->persistent->run_dir);
-  }
-}
-
 }  // namespace
 
 bool persistent_mode_enabled() {
@@ -403,7 +391,7 @@ void persistent_ring_attach(circular_buffer* cb) {
   write_header(cb);
   if (!exit_handler_registered) {
     exit_handler_registered = true;
-    atexit(remove_runs_at_exit);
+    atexit(persistent_rings_at_exit);
   }
 }
 
@@ -438,6 +426,22 @@ void persistent_rings_update_headers() {
   for (circular_buffer* cb = circular_buffer_list.load(std::memory_order_acquire); cb != nullptr;
        cb = cb->next.load(std::memory_order_acquire)) {
     persistent_ring_update_header(cb);
+  }
+}
+
+// At a normal exit nothing needs recovering: each persistent buffer gets its exit dump here
+// (atexit runs this before the library's own exit dump, which then skips it), and its run is
+// removed once that dump is on disk. A failed dump leaves the run for recovery.
+void persistent_rings_at_exit() {
+  take_time_sample(&time_omega);
+  for (circular_buffer* cb = circular_buffer_list.load(std::memory_order_acquire); cb != nullptr;
+       cb = cb->next.load(std::memory_order_acquire)) {
+    if (!owns_files(cb->persistent)) continue;
+    if (cb->dump_on_exit.load(std::memory_order_relaxed) != 0) {
+      if (dump_circular_buffer(cb) != 0) continue;
+      cb->dump_on_exit.store(0, std::memory_order_relaxed);
+    }
+    remove_run(cb->persistent->run_dir);
   }
 }
 

@@ -69,5 +69,10 @@ void persistent_rings_update_headers();
 // allocation. Meant for the child side of a pthread_atfork handler.
 extern "C" void persistent_rings_after_fork(void);
 
+// The exit handler (registered with atexit by the first attach, so it runs before the library's
+// exit dump): each persistent buffer marked dump_on_exit is dumped here, and the runs whose
+// records are safe (dumped, or not wanted at exit) are removed.
+void persistent_rings_at_exit();
+
 // Field 22 of /proc/<pid>/stat (start time in clock ticks since boot), or 0 when unreadable.
 unsigned long long process_start_time(pid_t pid);

@@ -45,8 +45,8 @@ int set_circular_buffer_size(circular_buffer* cb, unsigned int size) {
   // 64-byte alignment leaves the low six bits of the address free for log2(size_words). A
   // persistent buffer grows into the zeroed mapping of its next words file (page-aligned).
   const bool file_backed = persistent_ring_active(cb);
-  void* memory = file_backed ? persistent_ring_allocate(cb, target)
-                             : aligned_alloc(kRingAlignment, target);
+  void* memory =
+      file_backed ? persistent_ring_allocate(cb, target) : aligned_alloc(kRingAlignment, target);
   if (memory == nullptr) {
     free(retired);
     QUARRY_UNLOCK_CB(cb);
