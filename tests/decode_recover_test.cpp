@@ -240,15 +240,12 @@ __attribute__((noinline)) int recurse(volatile int depth) {
 }
 
 TEST_F(Recovery, AStackOverflowKeepsEveryRecordWrittenBefore) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    quarry_set_process_name("overflow");
-    set_persistent_mode_override(1);
-    quarry_handle* h = nullptr;
-    quarry_open_internal(&h, "b0", 65536, 2, "persist.dec", "1", nullptr);
-    for (uint32_t n = 0; n < 1000; ++n) write_record(h, 0, n);
-    _exit(recurse(0));
-  }
+  pid_t pid = spawn(
+      "overflow", p_, 0, 1, 65536, [] {},
+      [](quarry_handle* h) {
+        for (uint32_t n = 0; n < 1000; ++n) write_record(h, 0, n);
+        _exit(recurse(0));
+      });
   int status = 0;
   waitpid(pid, &status, 0);
   ASSERT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
