@@ -14,6 +14,7 @@
 
 struct circular_buffer;
 struct retired_ring;
+struct persistent_ring;
 
 // One opened handle name. Allocated as one block: the fixed fields, then the inline
 // NUL-terminated `decode_file` string.
@@ -83,6 +84,9 @@ struct circular_buffer {
   // then go below the child's own directory. Written by the child's fork handler and once by
   // the first file the child writes; read by dumps, so atomic.
   std::atomic<uint8_t> inherited;
+  // Set before the buffer is published when its memory is a file mapping (QUARRY_PERSIST,
+  // persistent_ring.h); null for process memory. The record path never looks at it.
+  persistent_ring* persistent;
 };
 
 // Wall-clock time (gettimeofday) and CLOCK_MONOTONIC time, read together.

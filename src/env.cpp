@@ -34,11 +34,19 @@ void replace_path(char** field, const char* value) {
   *field = dup_dir_path(value);
 }
 
+// QUARRY_PERSIST is on for the value "1" only: any other value (0, a typo) keeps the default
+// behaviour, since persistence creates files the operator did not ask for otherwise.
+int persist_value(const char* value) {
+  return strcmp(value, "1") == 0 ? 1 : 0;
+}
+
 // Applies the environment on top of whatever the record holds. An empty variable counts as not
 // set: an empty trace base directory would put every file relative to the host's working
 // directory, which nobody means by exporting QUARRY_PATH="".
 void apply_environment(quarry_env* env) {
-  const char* value = getenv("QUARRY_PATH");
+  const char* value = getenv("QUARRY_PERSIST");
+  if (value != nullptr && value[0] != '\0') env->persist = persist_value(value);
+  value = getenv("QUARRY_PATH");
   if (value != nullptr && value[0] != '\0') replace_path(&env->quarry_path, value);
   value = getenv("QUARRY_DEC_PATH");
   if (value != nullptr && value[0] != '\0') replace_path(&env->quarry_dec_path, value);
@@ -97,6 +105,7 @@ bool read_setup_file(FILE* file, const char* path, quarry_env* env) {
     if (value[0] == '\0') continue;  // comment or blank line
     if (strcmp(name, "QUARRY_PATH") == 0) replace_path(&env->quarry_path, value);
     if (strcmp(name, "QUARRY_DEC_PATH") == 0) replace_path(&env->quarry_dec_path, value);
+    if (strcmp(name, "QUARRY_PERSIST") == 0) env->persist = persist_value(value);
   }
   return true;
 }

@@ -8,6 +8,9 @@
 struct quarry_env {
   char* quarry_path;      // trace base directory, ends in '/'
   char* quarry_dec_path;  // decode directory, ends in '/'
+  // QUARRY_PERSIST: 1 keeps buffers in file mappings that outlive the process (see
+  // persistent_ring.h); 0 (the default) keeps them in process memory.
+  int persist;
 };
 
 // Heap copy of path that ends in '/'; null when memory runs out.

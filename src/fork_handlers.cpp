@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "env.h"
+#include "persistent_ring.h"
 #include "trace_file.h"
 
 int32_t parent_process_id;
@@ -199,7 +200,8 @@ void child_after_fork() {
     cb->inherited.store(kInheritedNoDirectory, std::memory_order_release);
     drop_parent_live_config(cb);
   }
-  // persistent rings: the lead wires persistent_rings_after_fork() here
+  // File-backed rings are shared with the parent: the child's records go to private copies.
+  persistent_rings_after_fork();
 }
 
 }  // namespace

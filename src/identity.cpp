@@ -13,6 +13,7 @@
 #include <new>
 
 #include "buffer.h"
+#include "persistent_ring.h"
 #include "sigsafe_format.h"
 
 namespace {
@@ -120,5 +121,6 @@ extern "C" QUARRY_EXPORT int quarry_set_thread_name(pthread_t thread, const char
     tail->next.store(entry, std::memory_order_release);
   }
   QUARRY_UNLOCK_LIST();
+  persistent_rings_update_headers();  // persistent rings keep their thread names on disk
   return 0;
 }

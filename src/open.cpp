@@ -19,6 +19,7 @@
 #include "ctrl_file.h"
 #include "env.h"
 #include "fork_handlers.h"
+#include "persistent_ring.h"
 #include "process_init.h"
 #include "ring.h"
 #include "trace_file.h"
@@ -448,6 +449,7 @@ extern "C" QUARRY_EXPORT int quarry_open_internal(quarry_handle** out, const cha
     _quarry_hashtable_put(st.cb->handles, handle->name, handle, nullptr);
     append_handle_node(st.cb, st.node);
     st.cb->handle_count.fetch_add(1, std::memory_order_release);
+    persistent_ring_attach(st.cb);    // QUARRY_PERSIST: memory into a file mapping; never fails
     register_circular_buffer(st.cb);  // a handler that could not be installed is reported there
     QUARRY_UNLOCK_LIST();
     return 0;
@@ -466,6 +468,7 @@ extern "C" QUARRY_EXPORT int quarry_open_internal(quarry_handle** out, const cha
   st.published = true;
   int result = rewrite_watched_ctrl_file(&st);
   if (result != 0) return result;
+  persistent_ring_update_header(st.cb);  // the new decode reference
   QUARRY_UNLOCK_CB(st.cb);
   QUARRY_UNLOCK_LIST();
   return 0;

@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "persistent_ring.h"
+
 uint32_t next_pow2(uint32_t x) {
   for (uint32_t bit = 0x80000000u; bit != 0; bit >>= 1) {
     if ((x & bit) == 0) continue;
@@ -40,14 +42,17 @@ int set_circular_buffer_size(circular_buffer* cb, unsigned int size) {
       return 1;
     }
   }
-  // 64-byte alignment leaves the low six bits of the address free for log2(size_words).
-  void* memory = aligned_alloc(kRingAlignment, target);
+  // 64-byte alignment leaves the low six bits of the address free for log2(size_words). A
+  // persistent buffer grows into the zeroed mapping of its next words file (page-aligned).
+  const bool file_backed = persistent_ring_active(cb);
+  void* memory =
+      file_backed ? persistent_ring_allocate(cb, target) : aligned_alloc(kRingAlignment, target);
   if (memory == nullptr) {
     free(retired);
     QUARRY_UNLOCK_CB(cb);
     return 1;
   }
-  memset(memory, 0, target);
+  if (!file_backed) memset(memory, 0, target);
   ring_cell* fresh = static_cast<ring_cell*>(memory);
   // Keep the words already written. Writers may still be storing into the old array, so each
   // word is read atomically; a record in flight may be copied half-written, which a reader
@@ -64,6 +69,7 @@ int set_circular_buffer_size(circular_buffer* cb, unsigned int size) {
     retired->next = cb->retired_rings;
     cb->retired_rings = retired;
   }
+  if (file_backed) persistent_ring_published(cb);
   QUARRY_UNLOCK_CB(cb);
   return 0;
 }

@@ -112,3 +112,27 @@ TEST(DupDirPath, AppendsOneSlashAndNeverReadsBeforeTheString) {
 }
 
 }  // namespace
+
+// QUARRY_PERSIST: off by default, "1" alone turns it on, the environment wins over the file.
+TEST_F(SetupFile, PersistFollowsTheSamePrecedence) {
+  const struct {
+    const char *file, *environment;
+    int expected;
+  } cases[] = {
+      {"", nullptr, 0},
+      {"QUARRY_PERSIST=1\n", nullptr, 1},
+      {"QUARRY_PERSIST=yes\n", nullptr, 0},
+      {"QUARRY_PERSIST=1\n", "0", 0},
+      {"QUARRY_PERSIST=0\n", "1", 1},
+      {"QUARRY_PERSIST=1\n", "", 1},
+  };
+  for (const auto& c : cases) {
+    quarry_test::write_file(first_, c.file);
+    if (c.environment != nullptr) setenv("QUARRY_PERSIST", c.environment, 1);
+    quarry_env* env = quarry_get_env();
+    ASSERT_NE(nullptr, env);
+    EXPECT_EQ(c.expected, env->persist) << c.file << " / " << (c.environment ? c.environment : "-");
+    quarry_free_env(env);
+    unsetenv("QUARRY_PERSIST");
+  }
+}

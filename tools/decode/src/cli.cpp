@@ -17,6 +17,7 @@
 #include "quarry_decode/error.h"
 #include "quarry_decode/inputs.h"
 #include "quarry_decode/output.h"
+#include "quarry_decode/recover.h"
 #include "quarry_decode/stream_reader.h"
 #include "quarry_decode/trace_reader.h"
 
@@ -44,6 +45,8 @@ const char kUsage[] =
     "      --no-delta        leave out the time since the previous record\n"
     "      --utc             show wall-clock time in UTC instead of local time\n"
     "      --stream          read regular files as saved pipe streams\n"
+    "      --recover         turn the persistent rings (QUARRY_PERSIST) of dead processes\n"
+    "                        below each INPUT directory into quarry.recovered.*.trc files\n"
     "  -o, --output=FILE     write to FILE instead of standard output\n"
     "  -h, --help            show this help and exit\n"
     "\n"
@@ -56,6 +59,7 @@ struct Options {
   bool summary = false;
   bool help = false;
   bool as_stream = false;
+  bool recover = false;
   std::string output_file;
   std::vector<std::string> decode_dirs;
   std::vector<std::string> inputs;
@@ -132,6 +136,9 @@ Options parse_options(int argc, const char* const* argv) {
     } else if (name == "--stream") {
       no_value();
       options.as_stream = true;
+    } else if (name == "--recover") {
+      no_value();
+      options.recover = true;
     } else if (name == "-h" || name == "--help") {
       no_value();
       options.help = true;
@@ -379,6 +386,7 @@ int run_cli(int argc, const char* const* argv, FILE* out, FILE* err) {
     fprintf(err, "quarry-decode: no input given\nTry 'quarry-decode --help'.\n");
     return kExitUsage;
   }
+  if (options.recover) return run_recover(options.inputs, options.decode_dirs, out, err);
   FILE* target = out;
   FILE* opened = nullptr;
   if (!options.output_file.empty()) {

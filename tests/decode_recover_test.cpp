@@ -1,0 +1,321 @@
+// Persistent rings, end to end: hosts in child processes write numbered records, die without a
+// dump (SIGKILL at a random moment, a growth then SIGKILL, a stack overflow, restarts), and
+// recovery must give back every record they completed that the ring still holds.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "persistent_ring.h"
+#include "ring.h"
+#include "trace_file.h"
+#include "quarry/quarry.h"
+#include "quarry_decode/error.h"
+#include "quarry_decode/recover.h"
+#include "quarry_decode/trace_reader.h"
+#include "test_support.h"
+
+namespace {
+
+using namespace quarry_decode;
+using quarry_test::base_dir;
+
+constexpr int kThreads = 2, kBuffers = 3;
+
+// Shared with the children: per writer and buffer, records started and completed.
+struct Progress {
+  std::atomic<uint32_t> started[8][kBuffers], done[8][kBuffers];
+  uint64_t before[8][kBuffers][1024];       // clock read just before record n, at n % 1024
+  std::atomic<uint32_t> late[8][kBuffers];  // records that took a writer more than 2 us
+  std::atomic<uint32_t> grown_at[8];
+  std::atomic<int> grown;
+};
+
+// Record n of writer t: index n % 2; "dds" carries a text whose length varies (so strings cross
+// the ring's end), "ddD" a check value.
+std::string text_of(uint32_t t, uint32_t n) {
+  return std::string((n * 7 + t) % 23, static_cast<char>('a' + (n + t) % 26));
+}
+uint64_t check_of(uint32_t t, uint32_t n) {
+  return n * 0x9E3779B97F4A7C15ull ^ t;
+}
+
+void write_record(quarry_handle* h, uint32_t t, uint32_t n) {
+  if (n % 2 == 0) {
+    QUARRY_TRACE(h, 0, "dds", t, n, text_of(t, n).c_str());
+  } else {
+    QUARRY_TRACE(h, 1, "ddD", t, n, static_cast<unsigned long long>(check_of(t, n)));
+  }
+}
+
+uint64_t now_ns() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ts.tv_sec * 1000000000ull + ts.tv_nsec;
+}
+
+Progress* shared_progress() {
+  void* p =
+      mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return new (p) Progress();
+}
+
+// Forks a host named `name` whose `threads` writers write to `buffers` persistent buffers
+// until it dies; `before` runs in the child first, `during` on its main thread afterwards.
+template <class Before, class During>
+pid_t spawn(const char* name, Progress* p, int threads, int buffers, unsigned size, Before before,
+            During during) {
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  quarry_set_process_name(name);
+  set_persistent_mode_override(1);
+  before();
+  static quarry_handle* handles[kBuffers];
+  for (int b = 0; b < buffers; ++b) {
+    std::string buffer = "b" + std::to_string(b);
+    if (quarry_open_internal(&handles[b], buffer.c_str(), size, 2, "persist.dec", "1", nullptr))
+      _exit(3);
+  }
+  for (int t = 0; t < threads; ++t) {
+    std::thread([=] {
+      for (uint32_t k = 0;; ++k) {
+        int b = k % buffers;
+        uint32_t n = p->done[t][b].load();
+        p->before[t][b][n % 1024] = now_ns();
+        p->started[t][b].store(n + 1);
+        write_record(handles[b], t, n);
+        if (now_ns() - p->before[t][b][n % 1024] > 2000) ++p->late[t][b];
+        p->done[t][b].store(n + 1);
+      }
+    }).detach();
+  }
+  during(handles[0]);
+  for (;;) pause();
+}
+
+void kill_when(pid_t pid, const std::function<bool()>& ready) {
+  while (!ready()) std::this_thread::yield();
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+}
+
+std::string run_dir(const char* name, int buffer, pid_t pid) {
+  return base_dir() + name + "/b" + std::to_string(buffer) + "/quarry.ring." + std::to_string(pid);
+}
+
+struct Valid {
+  uint64_t mono;
+  uint32_t t, n;
+};
+struct Found {
+  std::vector<Valid> valid;                          // in ring order, oldest first
+  std::map<uint32_t, std::set<uint32_t>> by_writer;  // valid records: writer -> numbers
+  int bogus = 0;                                     // records matching no write, or repeated
+  uint32_t size = 0;
+};
+
+// Recovers one run and decodes it; checks what every recovered file must show.
+Found recover_and_read(const std::string& run) {
+  DecodeFileCache cache(decode_search_path({}));
+  TraceData data = read_trace_bytes(recover_ring(run, cache), run, cache);
+  EXPECT_TRUE(data.problems.empty()) << run;
+  std::map<std::string, std::string> keys(data.source->header.unknown_items.begin(),
+                                          data.source->header.unknown_items.end());
+  EXPECT_EQ("1", keys["RECOVERED"]);
+  struct Sink : RecordSink {
+    Found found;
+    void on_record(const Record& r) override {
+      uint32_t t = r.arg_count == 3 ? r.args[0].number : 99, n = r.args[1].number;
+      bool ok = t < 8 && r.id == n % 2 &&
+                (n % 2 == 0 ? r.args[2].text == text_of(t, n) : r.args[2].number == check_of(t, n));
+      if (ok && found.by_writer[t].insert(n).second) {
+        found.valid.push_back({r.mono_ns, t, n});
+      } else {
+        ++found.bogus;
+      }
+    }
+  } sink;
+  decode_trace(data, sink);
+  sink.found.size = data.source->header.buffer_size;
+  return sink.found;
+}
+
+// Every completed record the ring still holds is there. The ring holds every record reserved
+// after its oldest one O, so every record whose writer read the clock after O's timestamp
+// (plus the index bits) before writing it must be there, in order, without holes. What any
+// ring allows is counted against a budget: a record in flight when the process died (missing,
+// or showing the words of the older record it was overwriting) and up to two older records
+// still in the words it had reserved; and a writer that was held up mid-record while the
+// others lapped the ring (a "late" record, more than 2 us), whose words mix with newer ones.
+void check_complete(const Found& f, Progress* p, int buffer, int threads) {
+  int in_flight = 0, budget = 0;
+  for (int t = 0; t < threads; ++t) {
+    in_flight += p->started[t][buffer] != p->done[t][buffer];
+    budget += 5 * p->late[t][buffer];
+  }
+  budget += 2 * in_flight;
+  std::vector<uint64_t> times;
+  for (const Valid& v : f.valid) times.push_back(v.mono);
+  std::sort(times.begin(), times.end());
+  // The records at either end that in-flight writers may have left are not held to order.
+  const size_t skip = 2 * in_flight;
+  if (times.size() <= 2 * skip) return;
+  const uint64_t oldest = times[skip], newest = times[times.size() - 1 - skip];
+  int anomalies = f.bogus;
+  for (int t = 0; t < threads; ++t) {
+    std::set<uint32_t> held;
+    for (size_t i = 0, last = SIZE_MAX; i < f.valid.size(); ++i) {
+      const Valid& v = f.valid[i];
+      if (v.t != static_cast<uint32_t>(t) || v.mono < oldest || v.mono > newest) continue;
+      if (last != SIZE_MAX && v.n < f.valid[last].n) ++anomalies;  // out of order
+      held.insert(v.n);
+      last = i;
+    }
+    if (!held.empty()) anomalies += *held.rbegin() - *held.begin() + 1 - held.size();  // holes
+    const uint32_t done = p->done[t][buffer];
+    const std::set<uint32_t>& all = f.by_writer.count(t) ? f.by_writer.at(t) : held;
+    for (uint32_t n = done; n-- > 0 && n + 1024 > done &&
+                            p->before[t][buffer][n % 1024] > oldest + 1000 &&
+                            (held.empty() || n > *held.rbegin());) {
+      anomalies += all.count(n) == 0;  // a completed record newer than those checked above
+    }
+  }
+  EXPECT_LE(anomalies, budget) << "in flight " << in_flight;
+}
+
+class Recovery : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    quarry_test::write_file(base_dir() + "persist.dec",
+                            "0 text dds t n text\n1 check ddD t n check:x\n");
+  }
+  Progress* p_ = shared_progress();
+};
+
+TEST_F(Recovery, SigkillAtRandomMomentsLosesNothingCompleted) {
+  std::mt19937 random(16);
+  for (int run = 0; run < 200; ++run) {
+    SCOPED_TRACE("run " + std::to_string(run));
+    new (p_) Progress();
+    const uint32_t target = random() % 3000;
+    pid_t pid = spawn(
+        "killed", p_, kThreads, kBuffers, 4096, [] {}, [](quarry_handle*) {});
+    kill_when(pid, [&] { return p_->done[0][0] + p_->done[1][1] >= target; });
+    for (int b = 0; b < kBuffers; ++b)
+      check_complete(recover_and_read(run_dir("killed", b, pid)), p_, b, kThreads);
+    if (HasFailure()) break;
+  }
+}
+
+TEST_F(Recovery, AGrowthUnderLoadLeavesTheNewestGeneration) {
+  pid_t pid = spawn(
+      "grower", p_, kThreads, 1, 4096, [] {},
+      [&](quarry_handle* h) {
+        while (p_->done[0][0] < 2000) std::this_thread::yield();
+        if (set_circular_buffer_size(h->cb, 16384) != 0) _exit(4);
+        for (int t = 0; t < kThreads; ++t) p_->grown_at[t] = p_->done[t][0].load();
+        p_->grown = 1;
+      });
+  kill_when(pid, [&] { return p_->grown && p_->done[0][0] > p_->grown_at[0] + 3000; });
+  const std::string run = run_dir("grower", 0, pid);
+  EXPECT_FALSE(quarry_test::file_exists(run + "/words.0"));
+  Found f = recover_and_read(run);
+  EXPECT_EQ(4096u, f.size);
+  // The ring now holds only records written well after the growth.
+  for (const Valid& v : f.valid) EXPECT_GT(v.n, p_->grown_at[v.t].load());
+  check_complete(f, p_, 0, kThreads);
+}
+
+__attribute__((noinline)) int recurse(volatile int depth) {
+  if (depth < 0) return 0;  // never: the stack ends first
+  volatile char frame[256];
+  frame[depth % 256] = static_cast<char>(depth);
+  return recurse(depth + 1) + frame[0];
+}
+
+TEST_F(Recovery, AStackOverflowKeepsEveryRecordWrittenBefore) {
+  pid_t pid = spawn(
+      "overflow", p_, 0, 1, 65536, [] {},
+      [](quarry_handle* h) {
+        for (uint32_t n = 0; n < 1000; ++n) write_record(h, 0, n);
+        _exit(recurse(0));
+      });
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  Found f = recover_and_read(run_dir("overflow", 0, pid));
+  EXPECT_EQ(1000u, f.by_writer[0].size());
+  EXPECT_EQ(0, f.bogus);
+}
+
+// Five runs of one name killed in turn (the fourth reusing the third's pid, as containers do),
+// then one that exits normally: the newest dead runs stay recoverable, each with its own
+// records; older ones are pruned; a normal exit dumps and leaves no run behind.
+TEST_F(Recovery, RestartsKeepThePreviousRuns) {
+  const std::string buffer_dir = base_dir() + "restart/b0/";
+  pid_t previous = 0;
+  for (uint32_t r = 0; r < 6; ++r) {
+    new (p_) Progress();
+    pid_t pid = spawn(
+        "restart", p_, 0, 1, 4096,
+        [&] {
+          if (r == 3)
+            rename(run_dir("restart", 0, previous).c_str(),
+                   run_dir("restart", 0, getpid()).c_str());
+        },
+        [&](quarry_handle* h) {
+          for (uint32_t n = 0; n < 50; ++n) write_record(h, r, n);
+          p_->done[0][0] = 50;
+          if (r == 5) {  // exit(3) without this test's own exit handlers
+            persistent_rings_at_exit();
+            dump_at_exit();
+            _exit(0);
+          }
+        });
+    if (r < 5) kill_when(pid, [&] { return p_->done[0][0] == 50; });
+    if (r == 5) waitpid(pid, nullptr, 0);
+    previous = pid;
+  }
+  DecodeFileCache cache(decode_search_path({}));
+  std::set<uint32_t> writers;
+  for (const RecoveredRun& run : recover(buffer_dir, cache)) {
+    ASSERT_EQ("", run.error);
+    Found f = recover_and_read(run.ring_dir);
+    ASSERT_EQ(1u, f.by_writer.size());
+    EXPECT_EQ(50u, f.by_writer.begin()->second.size());
+    writers.insert(f.by_writer.begin()->first);
+  }
+  EXPECT_EQ((std::set<uint32_t>{3, 4}), writers);
+  EXPECT_TRUE(quarry_test::file_exists(buffer_dir + "quarry_0.trc"));
+}
+
+// A live process's rings are never recovered; a forked child writes into private memory.
+TEST_F(Recovery, LiveRingsAreRefusedAndAForkedChildWritesPrivately) {
+  quarry_set_process_name("live");
+  set_persistent_mode_override(1);
+  quarry_handle* h = nullptr;
+  ASSERT_EQ(0, quarry_open_internal(&h, "b0", 4096, 2, "persist.dec", "1", nullptr));
+  for (uint32_t n = 0; n < 10; ++n) write_record(h, 0, n);
+  const std::string run = run_dir("live", 0, getpid());
+  DecodeFileCache cache(decode_search_path({}));
+  EXPECT_THROW(recover_ring(run, cache), DecodeError);
+  const std::string before = quarry_test::read_file(run + "/words.0");
+  pid_t pid = fork();
+  if (pid == 0) {
+    persistent_rings_after_fork();
+    for (uint32_t n = 0; n < 500; ++n) write_record(h, 1, n);
+    _exit(load_ring(h->cb).buffer[0].load() == 0 ? 5 : 0);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_EQ(0, WEXITSTATUS(status));
+  EXPECT_EQ(before, quarry_test::read_file(run + "/words.0"));
+}
+
+}  // namespace
