@@ -22,7 +22,7 @@ _quarryctl() {
     return
   fi
   if [[ -z $command ]]; then
-    COMPREPLY=($(compgen -W "ls dump on off resize rotate stream show --base --help" -- "$cur"))
+    COMPREPLY=($(compgen -W "ls dump on off resize rotate stream show recover --base --help" -- "$cur"))
     return
   fi
   if [[ $cur == -* ]]; then
@@ -31,6 +31,7 @@ _quarryctl() {
       ls) options+=" --json" ;;
       dump) options+=" --decode --decode= --timeout --decode-dir" ;;
       stream | show) options+=" --format=text --format=json --format=chrome --decode-dir" ;;
+      recover) options+=" --decode-dir" ;;
     esac
     COMPREPLY=($(compgen -W "$options" -- "$cur"))
     return
@@ -42,7 +43,7 @@ _quarryctl() {
     return
   fi
   case $command in
-    dump | resize | rotate | show)
+    dump | resize | rotate | show | recover)
       if [[ $command == dump ]] || ((${#args[@]} == 1)); then
         COMPREPLY=($(compgen -W "$(cd "$base/${args[0]}" 2>/dev/null && ls -d -- */ 2>/dev/null | tr -d /)" -- "$cur"))
       fi ;;

@@ -13,6 +13,7 @@
 #include "buffers.h"
 #include "common.h"
 #include "quarry_decode/cli.h"
+#include "quarry_decode/recover.h"
 
 namespace quarryctl {
 namespace {
@@ -220,6 +221,22 @@ int cmd_show(const Context& ctx, const Args& args) {
   std::string input = entry.dir;
   if (args.positional.size() == 2) input = buffer_of(entry, args.positional[1], {}).dir;
   return decode_paths(ctx, args, {input});
+}
+
+// The process need not be running: its directory is found by name (or by the PID in a forked
+// child's directory name); recovery itself refuses the rings of a live process.
+int cmd_recover(const Context& ctx, const Args& args) {
+  if (args.positional.empty() || args.positional.size() > 2)
+    throw usage_error("expected TARGET [BUFFER]");
+  ProcessEntry entry = resolve_target(ctx.base, args.positional[0]);
+  std::string input = entry.dir;
+  if (args.positional.size() == 2) input = buffer_of(entry, args.positional[1], {}).dir;
+  std::vector<std::string> decode_dirs;
+  for (auto it = args.options.lower_bound("decode-dir");
+       it != args.options.upper_bound("decode-dir"); ++it) {
+    decode_dirs.push_back(it->second);
+  }
+  return quarry_decode::run_recover({input}, decode_dirs, ctx.out, ctx.err);
 }
 
 }  // namespace quarryctl

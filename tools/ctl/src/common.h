@@ -51,6 +51,7 @@ int cmd_resize(const Context& ctx, const Args& args);
 int cmd_rotate(const Context& ctx, const Args& args);
 int cmd_stream(const Context& ctx, const Args& args);
 int cmd_show(const Context& ctx, const Args& args);
+int cmd_recover(const Context& ctx, const Args& args);
 
 // Runs quarry-decode's command line with `inputs` and the decoding options of `args`
 // (--format, --decode-dir), writing to ctx.out.

@@ -26,6 +26,7 @@ const char kUsage[] =
     "  rotate TARGET BUFFER COUNT      keep COUNT trace files in rotation\n"
     "  stream TARGET HANDLE...         decode live records until interrupted\n"
     "  show TARGET [BUFFER]            decode the newest trace files\n"
+    "  recover TARGET [BUFFER]         turn a dead host's persistent rings into trace files\n"
     "\n"
     "TARGET is a process directory name or a PID. 'quarryctl COMMAND --help' describes a\n"
     "command. Exit status: 0 done, 1 failed, 2 usage error.\n";
@@ -84,6 +85,12 @@ const Command kCommands[] = {
      "Usage: quarryctl show TARGET [BUFFER] [--format=text|json|chrome] [--decode-dir DIR]\n"
      "Decodes the newest trace file of each buffer, merged by time (as quarry-decode DIR).\n",
      {"format=", "decode-dir="}},
+    {"recover",
+     "Usage: quarryctl recover TARGET [BUFFER] [--decode-dir DIR]\n"
+     "Turns the persistent rings (QUARRY_PERSIST) that dead runs of the process left in its\n"
+     "buffer directories into quarry.recovered.*.trc trace files (as quarry-decode --recover).\n"
+     "Rings of a running process are never touched.\n",
+     {"decode-dir="}},
 };
 
 const Command* find_command(const std::string& name) {
@@ -168,8 +175,6 @@ int run(int argc, char** argv) {
     return kExitUsage;
   }
   const std::string name = argv[i];
-  // "recover TARGET" belongs here once the decoding library offers recovery of persistent
-  // rings (quarry_decode/recover.h): a Command entry and a cmd_recover calling it.
   const Command* command = find_command(name);
   if (command == nullptr) {
     fprintf(stderr, "quarryctl: unknown command '%s'\nTry 'quarryctl --help'.\n", name.c_str());
@@ -190,6 +195,7 @@ int run(int argc, char** argv) {
     if (name == "resize") return cmd_resize(ctx, args);
     if (name == "rotate") return cmd_rotate(ctx, args);
     if (name == "stream") return cmd_stream(ctx, args);
+    if (name == "recover") return cmd_recover(ctx, args);
     return cmd_show(ctx, args);
   } catch (const Failure& e) {
     fprintf(stderr, "quarryctl %s: %s\n", name.c_str(), e.what());
