@@ -5,6 +5,11 @@
 # Without a usable mount namespace (neither root nor user namespaces) it runs ctest plainly and
 # says that the check was skipped.
 set -u
+# A backstop for tests that set no QUARRY_PATH of their own (CMake gives each one, see
+# cmake/QuarryTestEnv.cmake): one private directory for the run.
+QUARRY_PATH=$(mktemp -d "${TMPDIR:-/tmp}/quarry-ctest-XXXXXX")/
+export QUARRY_PATH
+trap 'rm -rf "$QUARRY_PATH"' EXIT
 inner='mount -t tmpfs -o mode=1777 quarry-tests /dev/shm || exit 1
 ctest "$@"
 rc=$?
@@ -17,9 +22,10 @@ echo "The default trace directory /dev/shm/quarry/ stayed untouched."
 exit "$rc"'
 for flags in -m -rm; do
   if unshare $flags sh -c 'mount -t tmpfs quarry-probe /dev/shm' 2>/dev/null; then
-    exec unshare $flags sh -c "$inner" sh "$@"
+    unshare $flags sh -c "$inner" sh "$@"
+    exit $?
   fi
 done
 echo "Skipped the check of the default trace directory: no mount namespace here" \
   "(needs root or unprivileged user namespaces)."
-exec ctest "$@"
+ctest "$@"
