@@ -12,7 +12,7 @@ while read -r compiler lang std; do
     continue
   fi
   if ! "$compiler" -x "$lang" "-std=$std" -Wall -Wextra -Wpedantic -Werror -fsyntax-only \
-      -I "$src/include" "$src/tests/public_header_strict.c"; then
+      -I "$src/include" -I "$src/kelp/include" "$src/tests/public_header_strict.c"; then
     echo "FAILED: $compiler -x $lang -std=$std"
     failed=1
   fi

@@ -1,5 +1,7 @@
 /* Compiled by check_public_header.sh with gcc and clang as C99, C11 and C++17 at -Wall -Wextra
- * -Wpedantic -Werror: every macro of the public header, expanded with and without values. */
+ * -Wpedantic -Werror: the installed headers, and every macro of quarry.h expanded with and
+ * without values. */
+#include "kelp/kelp.h"
 #include "quarry/quarry.h"
 
 #if !defined(QUARRY_VERSION_MAJOR) || !defined(QUARRY_VERSION_MINOR) || \
