@@ -1,16 +1,21 @@
 # Thin wrapper over CMake: `make demo` runs the example host and decodes its dump,
 # `make check` builds everything and runs every test. Both work on a fresh machine.
 BUILD ?= build
-JOBS ?= 2
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
+PREFIX ?= /usr/local
 
-.PHONY: all demo check clean
+.PHONY: all configure demo check install deb consumers abi-baseline clean
 
-all:
+configure:
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+
+all: configure
 	cmake --build $(BUILD) -j$(JOBS)
 
-demo: all
+# Only what the demo runs: the library, the example host (with kelp) and the decoder.
+demo: configure
+	cmake --build $(BUILD) -j$(JOBS) --target demo_host quarry-decode
 	@rm -rf $(BUILD)/demo && mkdir -p $(BUILD)/demo
 	QUARRY_PATH=$(CURDIR)/$(BUILD)/demo/ $(BUILD)/examples/demo_host
 	@echo
@@ -22,8 +27,24 @@ demo: all
 	@echo "== quarry-decode --summary -d examples $(BUILD)/demo/demo_host/app/ =="
 	@$(BUILD)/tools/decode/quarry-decode --summary -d examples $(BUILD)/demo/demo_host/app/
 
+# Every test, with a private /dev/shm when the machine allows it, checking that the suite left
+# the default trace directory alone (tests/ctest_isolated.sh).
 check: all
-	ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
+	tests/ctest_isolated.sh --test-dir $(BUILD) --output-on-failure -j$(JOBS)
+
+install: all
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+deb: all
+	cd $(BUILD) && cpack -G DEB
+
+# Builds and runs small C and C++ hosts against an installed quarry, every way a user would.
+consumers:
+	tests/consumers/run.sh $(BUILD)
+
+# Rewrites abi/libquarry.abi from the library just built (see cmake/QuarryAbi.cmake).
+abi-baseline: all
+	cmake --build $(BUILD) --target abi-baseline
 
 clean:
 	rm -rf $(BUILD)

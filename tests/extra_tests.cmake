@@ -54,6 +54,7 @@ foreach(adapter uv event sdevent glib)
     string(TOUPPER ${adapter} loop_name)
     target_compile_definitions(event_loop_${adapter}_test PRIVATE QUARRY_TEST_LOOP_${loop_name})
     gtest_discover_tests(event_loop_${adapter}_test TEST_PREFIX ${adapter}.
-      DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+      DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120
+      ENVIRONMENT "QUARRY_PATH=${QUARRY_TEST_PATH_ROOT}/event_loop_${adapter}_test/")
   endif()
 endforeach()

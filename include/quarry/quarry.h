@@ -17,6 +17,16 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+/* The version of this header; the build checks that it matches the project's version. The
+ * shared library's SONAME carries the major version, its exported names the node QUARRY_1.0. */
+#define QUARRY_VERSION_MAJOR 1
+#define QUARRY_VERSION_MINOR 0
+#define QUARRY_VERSION_PATCH 0
+/* One comparable number: QUARRY_VERSION >= QUARRY_VERSION_NUMBER(1, 2, 0). */
+#define QUARRY_VERSION_NUMBER(major, minor, patch) ((major)*10000 + (minor)*100 + (patch))
+#define QUARRY_VERSION \
+  QUARRY_VERSION_NUMBER(QUARRY_VERSION_MAJOR, QUARRY_VERSION_MINOR, QUARRY_VERSION_PATCH)
+
 #if defined(__GNUC__)
 #define QUARRY_EXPORT __attribute__((visibility("default")))
 #else
@@ -134,10 +144,33 @@ static inline uint32_t quarry_signature_flags(const char* signature) {
   return 0;
 }
 
-/* QUARRY_TRACE(handle, trace_point, "ds", 7, "up") */
-#define QUARRY_TRACE(handle, trace_point, signature, ...)                           \
+/* QUARRY_TRACE(handle, trace_point, "ds", 7, "up"), or QUARRY_TRACE(handle, trace_point, "")
+ * for a record without arguments. Plain C99 and C++: no GNU comma extension. The signature is
+ * the first of the variable arguments; QUARRY_TRACE_PICK_ counts them (up to 62 values after the
+ * signature) and selects the form without or with values, because `spare` must come between
+ * the signature and the values. */
+#define QUARRY_TRACE(handle, trace_point, ...)                      \
+  QUARRY_TRACE_CAT_(QUARRY_TRACE_, QUARRY_TRACE_PICK_(__VA_ARGS__)) \
+  (handle, trace_point, __VA_ARGS__)
+#define QUARRY_TRACE_S(handle, trace_point, signature)                              \
   quarry_internal((handle), (trace_point), quarry_signature_fixed_words(signature), \
-                  quarry_signature_flags(signature), (signature), 0, ##__VA_ARGS__)
+                  quarry_signature_flags(signature), (signature), 0)
+#define QUARRY_TRACE_V(handle, trace_point, signature, ...)                         \
+  quarry_internal((handle), (trace_point), quarry_signature_fixed_words(signature), \
+                  quarry_signature_flags(signature), (signature), 0, __VA_ARGS__)
+#define QUARRY_TRACE_CAT_(a, b) QUARRY_TRACE_CAT2_(a, b)
+#define QUARRY_TRACE_CAT2_(a, b) a##b
+/* S for a signature alone, V when values follow; the trailing ~ keeps `...` non-empty. */
+#define QUARRY_TRACE_PICK_(...)                                                                    \
+  QUARRY_TRACE_64TH_(__VA_ARGS__, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V,   \
+                     V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, \
+                     V, V, V, V, V, V, V, V, V, V, V, V, V, V, V, S, ~)
+#define QUARRY_TRACE_64TH_(a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, a13, a14, a15, a16, \
+                           a17, a18, a19, a20, a21, a22, a23, a24, a25, a26, a27, a28, a29, a30,  \
+                           a31, a32, a33, a34, a35, a36, a37, a38, a39, a40, a41, a42, a43, a44,  \
+                           a45, a46, a47, a48, a49, a50, a51, a52, a53, a54, a55, a56, a57, a58,  \
+                           a59, a60, a61, a62, a63, a64, ...)                                     \
+  a64
 
 /* ------------------------------------------------------------------------------------------ */
 /* Switches                                                                                   */
