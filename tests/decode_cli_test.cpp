@@ -128,7 +128,7 @@ TEST_F(DecodeCli, DecodeFileErrorsAndSearch) {
 
   // Directories given with -d come before the decode directory.
   const std::string dir = quarry_test::make_dir("decode_files");
-  quarry_test::write_file(dir + "nowhere.dec", "0 found d v\n1 other d w\n");
+  quarry_test::write_file(dir + "nowhere.dec", "0 found ds v t\n1 other d w\n");
   CliResult found = run({"-d", dir, a});
   EXPECT_EQ(0, found.status) << found.err;
   EXPECT_EQ(1u, count(found.out, " app:other: { w = 6 }"));

@@ -384,11 +384,19 @@ class ChromeFormatter : public Formatter {
 
 void OutputBuffer::flush() {
   if (out_ == nullptr) return;
-  if (!text_.empty()) {
-    if (fwrite(text_.data(), 1, text_.size(), out_) != text_.size()) failed_ = true;
+  if (failed_) {
     text_.clear();
+    return;
   }
-  if (fflush(out_) != 0) failed_ = true;
+  if (!text_.empty() && fwrite(text_.data(), 1, text_.size(), out_) != text_.size()) {
+    failed_ = true;
+    error_ = errno;
+  }
+  text_.clear();
+  if (!failed_ && fflush(out_) != 0) {
+    failed_ = true;
+    error_ = errno;
+  }
 }
 
 std::unique_ptr<Formatter> make_formatter(const OutputOptions& options, OutputBuffer& out) {
