@@ -191,6 +191,10 @@ class NullSink : public RecordSink {
   void on_record(const Record&) override {}
 };
 
+// More words than this at the oldest end of a wrapped buffer, without a single record after
+// them, are not the one record cut at the seam but data that cannot be decoded.
+constexpr uint64_t kSeamWordsExpected = 64;
+
 // The output stopped taking data (a reader that closed its end, a full disk): decoding stops.
 struct OutputStopped {};
 
@@ -304,7 +308,8 @@ class Run {
       // Expected losses (the seam, records in flight at a crash) are a few records; an input
       // where more words could not be decoded than were decoded is bad.
       const uint64_t damaged = s.skipped_words - s.seam_words;
-      if (damaged > 0 && damaged >= s.record_words) {
+      if ((damaged > 0 && damaged >= s.record_words) ||
+          (s.records == 0 && s.skipped_words > kSeamWordsExpected)) {
         report(source.name, "most of the data could not be decoded");
         status_ = kExitBadInput;
       }

@@ -182,11 +182,13 @@ class TextFormatter : public Formatter {
       if (!have_previous_) {
         line.lit(" (+?.\?\?\?\?\?\?\?\?\?)");  // babeltrace2's mark for no previous record
       } else {
-        // Unsigned arithmetic: times from a crafted file may lie 2^63 apart.
-        const bool back = t < previous_;
+        // The difference modulo 2^64: no overflow whatever a crafted file holds, and right
+        // whenever the records lie less than 292 years apart.
+        const int64_t delta =
+            static_cast<int64_t>(static_cast<uint64_t>(t) - static_cast<uint64_t>(previous_));
+        const bool back = delta < 0;
         const uint64_t magnitude =
-            back ? static_cast<uint64_t>(previous_) - static_cast<uint64_t>(t)
-                 : static_cast<uint64_t>(t) - static_cast<uint64_t>(previous_);
+            back ? 0 - static_cast<uint64_t>(delta) : static_cast<uint64_t>(delta);
         line.lit(back ? " (-" : " (+");
         line.seconds(magnitude);
         line.put(')');

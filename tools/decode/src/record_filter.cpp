@@ -53,10 +53,11 @@ bool parse_wall(const std::string& text, bool utc, int64_t* ns) {
       !two_digits(text, 11, &hour) || text[13] != ':' || !two_digits(text, 14, &minute)) {
     return false;
   }
+  if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59) return false;
   size_t at = 16;
   int64_t fraction = 0;
   if (at < text.size() && text[at] == ':') {
-    if (!two_digits(text, at + 1, &second)) return false;
+    if (!two_digits(text, at + 1, &second) || second > 60) return false;
     at += 3;
     if (at < text.size() && text[at] == '.') {
       int64_t ignored;
