@@ -344,7 +344,18 @@ class Run {
     }
     if (loaded.empty()) return;
     std::set<int32_t> pids;
-    for (const TraceData& data : loaded) pids.insert(data.source->header.process_id);
+    for (size_t i = 0; i < loaded.size(); ++i) {
+      SourceInfo& source = *loaded[i].source;
+      pids.insert(source.header.process_id);
+      // The first input of each process lends its clock mapping to the others of the process.
+      for (size_t k = 0; k < i; ++k) {
+        const SourceInfo& earlier = *loaded[k].source;
+        if (earlier.header.process_id == source.header.process_id &&
+            source.time.share_mapping(earlier.time)) {
+          break;
+        }
+      }
+    }
     OutputOptions output = options_.output;
     output.show_process = pids.size() > 1;
     if (output.show_process && formatter_) formatter_ = make_formatter(output, buffer_);

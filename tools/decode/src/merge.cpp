@@ -36,8 +36,9 @@ void Merger::add(uint32_t input, const Record& record) {
     }
     args_.push_back(arg);
   }
-  // Buffers of one process share one clock pair, so their wall-clock key orders records exactly
-  // as their monotonic timestamps do; different processes compare on the wall clock.
+  // Inputs of one process were given one clock mapping (TimeBase::share_mapping), so their
+  // wall-clock key orders records exactly as their shared monotonic clock does; different
+  // processes compare on the wall clock.
   keys_.push_back(
       Key{time_key(record), record.sequence, input, static_cast<uint32_t>(records_.size())});
   records_.push_back(stored);

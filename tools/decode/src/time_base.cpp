@@ -20,4 +20,13 @@ TimeBase::TimeBase(const TraceHeader& h) {
   }
 }
 
+bool TimeBase::share_mapping(const TimeBase& other) {
+  if (!has_wall_ || !other.has_wall_) return false;
+  const int64_t difference = static_cast<int64_t>(static_cast<uint64_t>(offset_ns_) -
+                                                  static_cast<uint64_t>(other.offset_ns_));
+  if (difference > 1000000000 || difference < -1000000000) return false;
+  offset_ns_ = other.offset_ns_;
+  return true;
+}
+
 }  // namespace quarry_decode

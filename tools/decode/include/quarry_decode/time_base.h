@@ -22,6 +22,12 @@ class TimeBase {
     return static_cast<int64_t>(static_cast<uint64_t>(offset_ns_) + mono_ns);
   }
 
+  // Buffers of one process each sample their own clock pair, a few microseconds apart at the
+  // wall clock's microsecond resolution: merged, they take one pair's mapping, so that their
+  // wall-clock times keep the order of their shared monotonic clock. True when `other` maps
+  // within a second of this one (the same process, not a reused process ID) and was taken.
+  bool share_mapping(const TimeBase& other);
+
   // Whether the omega pair is usable (present and not zero, which a pipe stream opened before
   // any dump carries).
   bool has_omega() const { return has_omega_; }
