@@ -254,6 +254,7 @@ class Run {
       if (formatter_) formatter_->end();
       buffer_.flush();
     } catch (const OutputStopped&) {
+      stopped_ = true;
     }
     finish_sources();
     // A reader that stopped reading (`| head`) is not a failure: decoding just ends early.
@@ -300,6 +301,8 @@ class Run {
       for (const std::string& note : filter_->take_notes())
         fprintf(err_, "quarry-decode: %s\n", note.c_str());
     }
+    // Decoding that stopped early has counted only part of each input: nothing to report.
+    if (stopped_) return;
     for (Finished& finished : finished_) {
       SourceInfo& source = *finished.source;
       for (const std::string& problem : finished.problems) report(source.name, problem);
@@ -446,6 +449,7 @@ class Run {
   std::vector<std::unique_ptr<SourceInfo>> kept_;
   size_t reported_diagnostics_ = 0;
   int status_ = kExitOk;
+  bool stopped_ = false;
 };
 
 }  // namespace
