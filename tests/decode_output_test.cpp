@@ -234,6 +234,21 @@ TEST(DecodeOutput, Summary) {
     EXPECT_NE(std::string::npos, r.out.find(expected)) << expected << "\n" << r.out;
   }
   EXPECT_EQ(std::string::npos, r.out.find("[2024")) << "no records in a summary";
+
+  // The termination reason: a fault signal's SIGNALING_PID is the fault address's low 32
+  // bits (printed sign-extended), any other signal's the sender. A forked child's parent.
+  const std::vector<std::pair<std::string, std::string>> reasons = {
+      {"SIGNALING_PID 18446744073150512879\nSIGNAL 11\n",
+       "  terminated by: signal 11 (SIGSEGV), fault address 0xdeadbeef (its low 32 bits)\n"},
+      {"SIGNALING_PID 42\nSIGNAL 15\nPARENT_PID 77\n",
+       "  terminated by: signal 15 (SIGTERM) from pid 42\n  parent process: pid 77\n"},
+  };
+  for (const auto& reason : reasons) {
+    HeaderItems items;
+    items.extra = reason.first;
+    CliResult crashed = run({"--summary", put("crashed.trc", header_text(items))});
+    EXPECT_NE(std::string::npos, crashed.out.find(reason.second)) << crashed.out;
+  }
 }
 
 // Spans on two threads: thread 1 has an end whose begin was lost, a span with one nested in

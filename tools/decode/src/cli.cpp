@@ -204,15 +204,23 @@ class Pipeline : public RecordSink {
   Pipeline(RecordSink* formatter, RecordFilter* filter, OutputBuffer* buffer)
       : formatter_(formatter), filter_(filter), buffer_(buffer) {}
   void on_record(const Record& in) override {
-    Record record = in;
-    spans.on_record(record);
-    if (formatter_ == nullptr || (filter_ != nullptr && !filter_->accept(record))) return;
-    formatter_->on_record(record);
-    if (buffer_->failed()) throw OutputStopped{};
+    const TracePoint* point = in.info != nullptr && !in.raw ? in.info->point : nullptr;
+    if (point != nullptr && point->span_role != TracePoint::SpanRole::kNone) {
+      Record record = in;  // marked with its span
+      spans.on_record(record);
+      show(record);
+    } else {
+      show(in);
+    }
   }
   SpanTracker spans;
 
  private:
+  void show(const Record& record) {
+    if (formatter_ == nullptr || (filter_ != nullptr && !filter_->accept(record))) return;
+    formatter_->on_record(record);
+    if (buffer_->failed()) throw OutputStopped{};
+  }
   RecordSink* formatter_;
   RecordFilter* filter_;
   OutputBuffer* buffer_;
