@@ -22,9 +22,24 @@ class Merger {
 
  private:
   class Collector;
+  // A record as kept until replay, without what can be derived again (the times from the
+  // timestamp, the arguments' views): about a third of a Record.
   struct Stored {
-    Record record;
-    size_t first_arg;
+    const SourceInfo* source;
+    const PointInfo* info;
+    uint64_t timestamp;
+    uint64_t offset;
+    uint64_t first_arg;
+    uint32_t thread;
+    uint32_t length;
+    uint32_t arg_count;
+    uint16_t id;
+    bool raw;
+  };
+  struct Arg {
+    uint64_t number;  // 's': the text's offset in strings_
+    uint32_t length;
+    char type;
   };
   struct Key {
     int64_t time;
@@ -36,10 +51,8 @@ class Merger {
 
   std::vector<Stored> records_;
   std::vector<Key> keys_;
-  std::vector<ArgValue> args_;
-  // String arguments are copied here (records of a file borrow a chunk buffer); args_ hold
-  // offsets into it until replay() points them at their text.
-  std::string strings_;
+  std::vector<Arg> args_;
+  std::string strings_;  // string arguments (records of a file borrow a chunk buffer)
   std::vector<std::unique_ptr<RecordSink>> collectors_;
 };
 
