@@ -3,6 +3,7 @@
 // crash, inputs given as directories and named pipes, and the loss reports.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,6 +51,12 @@ TEST_F(DecodeCli, UsageErrors) {
     EXPECT_EQ(kExitUsage, r.status) << c.second;
     EXPECT_EQ(0u, r.err.find("quarry-decode: " + c.second)) << r.err;
     EXPECT_NE(std::string::npos, r.err.find("Try 'quarry-decode --help'."));
+  }
+  CliResult version = run({"--version"});
+  EXPECT_EQ(0, version.status);
+  EXPECT_EQ(0u, version.out.find("quarry-decode 1."));
+  for (const char* bad : {"--begin=yesterday", "--last=5x", "--end=2024-13-01 00:00"}) {
+    EXPECT_EQ(kExitUsage, run({bad, "x"}).status) << bad;
   }
   CliResult no_output = run({"-o", quarry_test::base_dir() + "t.dec/x", "in"});
   EXPECT_EQ(kExitUsage, no_output.status);
@@ -128,7 +135,7 @@ TEST_F(DecodeCli, DecodeFileErrorsAndSearch) {
 
   // Directories given with -d come before the decode directory.
   const std::string dir = quarry_test::make_dir("decode_files");
-  quarry_test::write_file(dir + "nowhere.dec", "0 found d v\n1 other d w\n");
+  quarry_test::write_file(dir + "nowhere.dec", "0 found ds v t\n1 other d w\n");
   CliResult found = run({"-d", dir, a});
   EXPECT_EQ(0, found.status) << found.err;
   EXPECT_EQ(1u, count(found.out, " app:other: { w = 6 }"));
@@ -230,7 +237,7 @@ TEST_F(DecodeCli, LossesAreReportedOnceWithCountsAndTimes) {
   bytes[header + 2] |= 1 << 3;
   CliResult r = run({"--utc", put("lossy.trc", bytes)});
   EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(1u, count(r.err, "the buffer wrapped 2 times: "));
+  EXPECT_EQ(1u, count(r.err, "the buffer wrapped: "));
   EXPECT_EQ(1u, count(r.err,
                       "older records were overwritten (written between 2024-01-02 "
                       "03:04:05.000000000 and 2024-01-02 03:04:05.5"));
@@ -238,6 +245,120 @@ TEST_F(DecodeCli, LossesAreReportedOnceWithCountsAndTimes) {
             count(r.err,
                   "1 record could not be decoded (6 words skipped) between 2024-01-02 03:04:05.5"));
   EXPECT_EQ(2u, count(r.err, "\n"));
+  // With --summary the losses are part of the summary, not said again on standard error.
+  CliResult summary = run({"--summary", put("lossy.trc", bytes)});
+  EXPECT_EQ("", summary.err);
+  EXPECT_EQ(1u, count(summary.out, "  lost: the buffer wrapped: "));
+}
+
+// Inputs made to be hostile: each gets its message and exit status, never a hang, a memory
+// blow-up or undefined behaviour (the sanitizer build runs this too).
+TEST_F(DecodeCli, HostileInputs) {
+  ASSERT_EQ(0, mkfifo((quarry_test::base_dir() + "fifo.dec").c_str(), 0666));
+  ASSERT_EQ(0, truncate(put("big.dec", "0 n ds v text\n").c_str(), 17 << 20));
+  auto with_decode_file = [](const std::string& name) {
+    HeaderItems items;
+    items.refs = {"QUARRY_DECODE_REF app \"" + name + "\" 0.9.1"};
+    Ring ring(64);
+    ring.add(encode(0, kT0, 1, {d(5), s("x")}));
+    return put(std::to_string(name.size()) + ".trc", ring.file(items));
+  };
+  // A valid header of a wrapped buffer, then words of random bytes.
+  std::mt19937 rng(5);
+  std::vector<uint32_t> noise(16384);
+  for (uint32_t& w : noise) w = static_cast<uint32_t>(rng());
+  HeaderItems items;
+  items.buffer_size = items.word_count = 16384;
+  const std::string garbage = put("garbage.trc", header_text(items) + word_bytes(noise));
+  // Wall-clock values that put the first record just below 2^63 ns and the next beyond it.
+  char usec[32];
+  snprintf(usec, sizeof usec, "%llx",
+           static_cast<unsigned long long>((INT64_MAX - kT0 + 1000000000000ull) / 1000));
+  Ring ring(64);
+  ring.add(encode(0, kT0, 1, {d(1), s("")}));
+  ring.add(encode(0, kT0 + 1000, 1, {d(2), s("")}));
+  const std::string file = ring.file(HeaderItems{});
+  std::string crafted = file.substr(0, file.find("\n\n") + 2);
+  crafted.replace(crafted.find("WALL_TIME_SEC 65937d25\nWALL_TIME_USEC 0"), 39,
+                  "WALL_TIME_SEC 0\nWALL_TIME_USEC " + std::string(usec));
+  const size_t omega = crafted.find("WALL_TIME_Z_SEC");
+  crafted.replace(omega, crafted.find('\n', omega) - omega, "WALL_TIME_Z_SEC ffffffffffffffff");
+  crafted.resize((crafted.size() + 3) / 4 * 4, ' ');
+  crafted += file.substr(data_offset(file));
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string err;  // a part of the diagnostics
+    std::string out;  // a part of the output
+  } cases[] = {
+      {{with_decode_file("/dev/zero")}, 1, "decode file /dev/zero is not a regular file", "#0"},
+      {{with_decode_file(quarry_test::base_dir() + "fifo.dec")}, 1, "is not a regular file", ""},
+      {{with_decode_file("big.dec")}, 1, "big.dec is larger than 16 MiB", "app:#0"},
+      {{garbage}, 1, "garbage.trc: most of the data could not be decoded", ""},
+      {{"/dev/zero"}, 1, "/dev/zero: header line 1: not a trace header item", ""},
+      {{"/dev/null"}, 1, "/dev/null: the stream is empty", ""},
+      {{put("crafted.trc", crafted)}, 0, "", "] (+0.000001000) 1 app:n"},
+      {{"--summary", put("crafted.trc", crafted)}, 0, "", "wall clock against monotonic"},
+  };
+  for (const auto& c : cases) {
+    CliResult r = run(c.args);
+    EXPECT_EQ(c.status, r.status) << c.args[0] << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.err)) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find(c.out)) << r.out;
+  }
+}
+
+// Records chosen by handle, trace point, thread and time: ten records a second apart,
+// alternating handle and thread; the buffer was dumped at monotonic 2000 s.
+TEST_F(DecodeCli, Filters) {
+  HeaderItems items;
+  items.refs.push_back("QUARRY_DECODE_REF net \"t.dec\" 10.19.1");
+  items.threads = {"THREAD main 1\n", "THREAD worker 2\n"};
+  put("t.dec", "0 n d v\n");
+  Ring ring(1024);
+  for (uint32_t i = 0; i < 10; ++i)
+    ring.add(encode(i % 2 ? 10 : 0, kT0 + i * 1000000000ull, 1 + i % 3 % 2, {d(i)}));
+  const std::string file = put("f.trc", ring.file(items));
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--handle=net"}, "13579"},
+      {{"--handle=a*", "--handle=x"}, "02468"},
+      {{"--point=net:n"}, "13579"},
+      {{"--point=n"}, "0123456789"},
+      {{"--thread=worker"}, "147"},
+      {{"--thread=1", "--handle=app"}, "0268"},
+      {{"--begin=+3s", "--end=+6.5s"}, "3456"},
+      {{"--begin=2024-01-02 03:04:08Z"}, "3456789"},
+      {{"--utc", "--end=2024-01-02T03:04:07.5"}, "012"},
+      {{"--begin=1004"}, "456789"},
+      {{"--last=996500ms"}, "3456789"},
+      {{"--begin=-997s", "--end=-995.6s"}, "3"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> args = c.first;
+    args.push_back(file);
+    CliResult r = run(args);
+    EXPECT_EQ(0, r.status) << r.err;
+    std::string shown;
+    for (const std::string& line : lines_of(r.out)) shown += line.substr(line.find("v = ") + 4, 1);
+    EXPECT_EQ(c.second, shown) << c.first[0];
+  }
+}
+
+// A reader that closed its end of the output (`| head`) ends the run quietly.
+TEST_F(DecodeCli, ClosedOutputEndsQuietly) {
+  signal(SIGPIPE, SIG_IGN);  // as quarry-decode's main does
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  close(fds[0]);
+  FILE* out = fdopen(fds[1], "w");
+  const std::string err_path = quarry_test::base_dir() + "err";
+  FILE* err = fopen(err_path.c_str(), "w");
+  const std::string path = put("w.trc", wrapped_file());
+  const char* argv[] = {"quarry-decode", "--summary", path.c_str()};
+  EXPECT_EQ(0, run_cli(3, argv, out, err));
+  fclose(out);
+  fclose(err);
+  EXPECT_EQ("", quarry_test::read_file(err_path));
 }
 
 }  // namespace

@@ -18,6 +18,8 @@ std::string describe(const TracePoint& p) {
     text += " " + a.name + ":" + a.type;
     if (a.type != 's') text += kFormat[static_cast<int>(a.format)];
   }
+  if (p.span_role != TracePoint::SpanRole::kNone)
+    text += (p.span_role == TracePoint::SpanRole::kBegin ? " @begin:" : " @end:") + p.span;
   if (p.has_message) text += " =";
   for (const MessagePart& m : p.message) {
     text += m.arg < 0
@@ -39,7 +41,9 @@ TEST(DecodeFile, DocumentedExampleParses) {
       "1\treply\tdD\tstatus elapsed_ns:u\t= reply {status} after {elapsed_ns} ns  \r\n"
       "7 idle - = nothing to do # not a comment here\n"
       "8 mixed sDd\n"
-      "3 p dDd a b:x c = {{{:x}}} {b:d} {} {a:u} {c}\n";
+      "3 p dDd a b:x c = {{{:x}}} {b:d} {} {a:u} {c}\n"
+      "4 handle_begin d id @begin:handle = handling {id}\n"
+      "5 handle_end - @end:req.v-2_x\n";
   DecodeFile f = parse_decode_file(text, "net.dec");
   ASSERT_TRUE(f.errors.empty()) << f.errors[0];
   std::vector<std::string> points;
@@ -50,6 +54,8 @@ TEST(DecodeFile, DocumentedExampleParses) {
                 "7 idle  0 = 'nothing to do # not a comment here'",
                 "8 mixed sDd 3 arg0:s arg1:Dd arg2:dd",
                 "3 p dDd 4 a:dd b:Dx c:dd = '{' {0:x} '} ' {1:d} ' ' {1:x} ' ' {0:u} ' ' {2:d}",
+                "4 handle_begin d 1 id:dd @begin:handle = 'handling ' {0:d}",
+                "5 handle_end  0 @end:req.v-2_x",
             }),
             points);
   ASSERT_NE(nullptr, f.find(7));
@@ -81,6 +87,9 @@ TEST(DecodeFile, ErrorsNameFileAndLine) {
       {"13 extra d {} = {} {}", "argument name \"{}\""},
       {"14 sfmt s = {:x}", "message placeholder {:x}: a string takes no format"},
       {"15 over d = {} {}", "message placeholder {}: there are only 1 arguments"},
+      {"16 mark d v @start:x", "marker \"@start:x\" is not @begin:<span> or @end:<span>"},
+      {"17 mark d v @end:a/b", "span name \"a/b\""},
+      {"18 mark - @begin:", "span name \"\""},
   };
   std::string text;
   std::vector<std::string> expected;

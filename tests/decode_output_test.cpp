@@ -234,6 +234,81 @@ TEST(DecodeOutput, Summary) {
     EXPECT_NE(std::string::npos, r.out.find(expected)) << expected << "\n" << r.out;
   }
   EXPECT_EQ(std::string::npos, r.out.find("[2024")) << "no records in a summary";
+
+  // The termination reason: a fault signal's SIGNALING_PID is the fault address's low 32
+  // bits (printed sign-extended), any other signal's the sender. A forked child's parent.
+  const std::vector<std::pair<std::string, std::string>> reasons = {
+      {"SIGNALING_PID 18446744073150512879\nSIGNAL 11\n",
+       "  terminated by: signal 11 (SIGSEGV), fault address 0xdeadbeef (its low 32 bits)\n"},
+      {"SIGNALING_PID 42\nSIGNAL 15\nPARENT_PID 77\n",
+       "  terminated by: signal 15 (SIGTERM) from pid 42\n  parent process: pid 77\n"},
+  };
+  for (const auto& reason : reasons) {
+    HeaderItems items;
+    items.extra = reason.first;
+    CliResult crashed = run({"--summary", put("crashed.trc", header_text(items))});
+    EXPECT_NE(std::string::npos, crashed.out.find(reason.second)) << crashed.out;
+  }
+}
+
+// Spans on two threads: thread 1 has an end whose begin was lost, a span with one nested in
+// it, and a begin still open at the end; thread 2 one short span inside thread 1's.
+TEST(DecodeOutput, Spans) {
+  put("t.dec",
+      "0 req_begin d id @begin:req = begin {id}\n1 req_end d status @end:req\n"
+      "2 in_begin - @begin:inner\n3 in_end - @end:inner\n");
+  Ring ring(1024);
+  const struct {
+    uint32_t id;
+    uint64_t at;
+    uint32_t thread;
+  } records[] = {{1, 5, 1},  {0, 10, 1}, {0, 15, 2}, {1, 16, 2},
+                 {2, 20, 1}, {3, 25, 1}, {1, 40, 1}, {0, 50, 1}};
+  for (const auto& r : records)
+    ring.add(encode(r.id, kT0 + r.at * 1000, r.thread,
+                    r.id < 2 ? std::vector<Arg>{d(r.id)} : std::vector<Arg>{}));
+  const std::string file = put("spans.trc", ring.file(HeaderItems{}));
+
+  CliResult text = run({"--no-delta", file});
+  EXPECT_EQ(0, text.status);
+  EXPECT_EQ(
+      "quarry-decode: " + file +
+          ": 1 span end without their begin (overwritten or before the data); 1 span begun and "
+          "not ended (in flight)\n",
+      text.err);
+  std::vector<std::string> spans;
+  for (const std::string& line : lines_of(text.out))
+    if (line.find(" [span ") != std::string::npos)
+      spans.push_back(line.substr(line.find(" [span ")));
+  EXPECT_EQ((std::vector<std::string>{" [span req 0.000001000 s]", " [span inner 0.000005000 s]",
+                                      " [span req 0.000030000 s]"}),
+            spans);
+
+  std::string durations;
+  for (const std::string& line : lines_of(run({"-f", "json", file}).out)) {
+    JsonMap json = parse_json(line);
+    if (json.count("span_end")) durations += json["span_end"] + "=" + json["duration_ns"] + " ";
+  }
+  EXPECT_EQ("\"req= \"req=1000 \"inner=5000 \"req=30000 ", durations);
+
+  // Complete events at the begin's time, nested by time on thread 1; the lone halves as
+  // instant events.
+  JsonMap trace = parse_json(run({"-f", "chrome", file}).out);
+  std::vector<std::string> events;
+  for (size_t k = 0; trace.count(std::to_string(k)); ++k) {
+    const std::string e = std::to_string(k) + ".";
+    if (trace[e + "ph"] == "\"M") continue;
+    events.push_back(trace[e + "ph"] + " " + trace[e + "name"] + " " + trace[e + "tid"] + " " +
+                     trace[e + "ts"] + " " + trace[e + "dur"] + " " + trace[e + "args.begin.id"]);
+  }
+  EXPECT_EQ((std::vector<std::string>{
+                "\"i \"app:req_end 1 1000500005.000  ",
+                "\"X \"req 2 1000500015.000 1.000 0",
+                "\"X \"inner 1 1000500020.000 5.000 ",
+                "\"X \"req 1 1000500010.000 30.000 0",
+                "\"i \"app:req_begin 1 1000500050.000  ",
+            }),
+            events);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <random>
+#include <thread>
 
 #include "buffer.h"
 #include "decode_test_support.h"
@@ -211,6 +212,44 @@ TEST_F(DecodeRoundTrip, PipeStreamAndWrappedDump) {
   EXPECT_EQ(source.header.entry_count, written.size());
   ASSERT_NE(nullptr, source.threads.find(self));
   EXPECT_EQ("rt-main", *source.threads.find(self));
+}
+
+// Three buffers written by four threads at once, each thread taking the buffers in turn: the
+// process directory decodes to every record once, in time order (CLOCK_MONOTONIC, then the
+// index bits), and each thread's records in the order it wrote them.
+TEST_F(DecodeRoundTrip, BuffersOfOneProcessMergeInExactTimeOrder) {
+  decode_test::put("merge.dec", "0 n d v\n");
+  quarry_handle* h[3];
+  for (int b = 0; b < 3; ++b) {
+    const std::string name = "buf" + std::to_string(b);
+    ASSERT_EQ(0, quarry_open_internal(&h[b], name.c_str(), 1 << 20, 1, "merge.dec", "1", nullptr));
+  }
+  std::vector<std::thread> threads;
+  for (uint32_t t = 0; t < 4; ++t) {
+    threads.emplace_back([&h, t] {
+      for (uint32_t i = 0; i < 3000; ++i) QUARRY_TRACE(h[(i + t) % 3], 0, "d", t * 100000 + i);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  ASSERT_EQ(0, quarry_dump_all());
+  decode_test::CliResult r =
+      decode_test::run({"--format=json", quarry_test::base_dir() + "roundtrip/"});
+  ASSERT_EQ(0, r.status) << r.err;
+  auto number = [](const std::string& line, const std::string& key) {
+    const size_t at = line.find("\"" + key + "\":");
+    return at == std::string::npos ? 0 : std::stoull(line.substr(at + key.size() + 3));
+  };
+  std::vector<std::string> lines = decode_test::lines_of(r.out);
+  ASSERT_EQ(12000u, lines.size());
+  std::pair<uint64_t, uint64_t> previous{0, 0};
+  uint64_t next_of_thread[4] = {0, 100000, 200000, 300000};
+  for (const std::string& line : lines) {
+    const std::pair<uint64_t, uint64_t> time{number(line, "mono_ns"), number(line, "seq")};
+    ASSERT_LE(previous, time) << line;
+    previous = time;
+    const uint64_t v = number(line, "v");
+    ASSERT_EQ(next_of_thread[v / 100000]++, v) << line;
+  }
 }
 
 }  // namespace

@@ -119,6 +119,23 @@ TEST_F(DecodeStream, DamagedAndShortStreams) {
             decoder_->problems());
 }
 
+// Two saved streams one after the other: the second header starts a second input, nothing is
+// damage.
+TEST_F(DecodeStream, ConcatenatedStreamsAreTwoInputs) {
+  for (size_t chunk : {size_t{3}, size_t{4096}}) {
+    collector_.records.clear();
+    feed_all(bytes_ + bytes_, chunk);
+    ASSERT_EQ(2 * kCalls.size(), collector_.records.size()) << chunk;
+    EXPECT_EQ(kCalls.back(), collector_.records.back().args);
+    std::vector<std::unique_ptr<SourceInfo>> sources = decoder_->take_sources();
+    ASSERT_EQ(2u, sources.size());
+    for (const auto& source : sources) {
+      EXPECT_EQ(kCalls.size(), source->stats.records);
+      EXPECT_EQ(0u, source->stats.skipped_words);
+    }
+  }
+}
+
 TEST_F(DecodeStream, NotAStream) {
   // Binary data is refused as soon as it arrives, not after a long wait for a line end.
   StreamDecoder binary("pipe", cache_, collector_);

@@ -1,5 +1,7 @@
 // quarry-decode: turns trace files and pipe streams into readable traces. Everything happens
-// in the decoding library; this only guarantees that no exception leaves main.
+// in the decoding library; this only guarantees that no exception leaves main and that a
+// reader that closes the output early (`| head`) ends the run quietly instead of killing it.
+#include <signal.h>
 #include <stdio.h>
 
 #include <exception>
@@ -7,6 +9,8 @@
 #include "quarry_decode/cli.h"
 
 int main(int argc, char** argv) {
+  // A closed output then fails the write with EPIPE, and run_cli stops decoding quietly.
+  signal(SIGPIPE, SIG_IGN);
   try {
     return quarry_decode::run_cli(argc, argv, stdout, stderr);
   } catch (const std::exception& e) {

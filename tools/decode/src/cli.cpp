@@ -7,7 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <queue>
+#include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -20,6 +20,9 @@
 #include "quarry_decode/recover.h"
 #include "quarry_decode/stream_reader.h"
 #include "quarry_decode/trace_reader.h"
+#include "merge.h"
+#include "record_filter.h"
+#include "span_tracker.h"
 
 namespace quarry_decode {
 namespace {
@@ -48,16 +51,34 @@ const char kUsage[] =
     "      --recover         turn the persistent rings (QUARRY_PERSIST) of dead processes\n"
     "                        below each INPUT directory into quarry.recovered.*.trc files\n"
     "  -o, --output=FILE     write to FILE instead of standard output\n"
+    "\n"
+    "Choosing records (each option repeatable where it takes a name; a record must pass all):\n"
+    "      --handle=PATTERN  records of handles whose name matches PATTERN (glob: net/*)\n"
+    "      --point=NAME      records of trace points called NAME, or handle:NAME (glob)\n"
+    "      --thread=NAME|ID  records written by the thread of that name or ID\n"
+    "      --begin=TIME      records at or after TIME: YYYY-MM-DD HH:MM:SS[.frac] (local\n"
+    "                        time; UTC with --utc or a final Z), monotonic seconds as\n"
+    "                        --monotonic shows them, +DURATION after the first record, or\n"
+    "                        -DURATION before the dump\n"
+    "      --end=TIME        records at or before TIME\n"
+    "      --last=DURATION   the final DURATION before the dump (2.5s, 300ms, 10us, 5m, 1h)\n"
+    "\n"
     "  -h, --help            show this help and exit\n"
+    "      --version         show the version and exit\n"
     "\n"
     "Lost and undecodable records are reported once per input on standard error. Exit\n"
-    "status: 0 when every input was decoded, 1 when an input or a decode file was bad (what\n"
-    "could be decoded is still shown), 2 for a usage error. Decode files: docs/decode-files.md.\n";
+    "status: 0 when every input was decoded, or lost only what a ring loses (records\n"
+    "overwritten when it wrapped, the record cut at its oldest end, records in flight at a\n"
+    "crash); 1 when an input or a decode file was malformed or most of an input could not\n"
+    "be decoded (what could be decoded is still shown); 2 for a usage error. Output fields:\n"
+    "docs/decode-output.md; decode files: docs/decode-files.md.\n";
 
 struct Options {
   OutputOptions output;
+  FilterOptions filter;
   bool summary = false;
   bool help = false;
+  bool version = false;
   bool as_stream = false;
   bool recover = false;
   std::string output_file;
@@ -72,6 +93,7 @@ class UsageError : public std::runtime_error {
 
 Options parse_options(int argc, const char* const* argv) {
   Options options;
+  std::string begin_text, end_text;
   bool only_inputs = false;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
@@ -142,47 +164,74 @@ Options parse_options(int argc, const char* const* argv) {
     } else if (name == "-h" || name == "--help") {
       no_value();
       options.help = true;
+    } else if (name == "--version") {
+      no_value();
+      options.version = true;
+    } else if (name == "--handle") {
+      options.filter.handles.push_back(take_value());
+    } else if (name == "--point") {
+      options.filter.points.push_back(take_value());
+    } else if (name == "--thread") {
+      options.filter.threads.push_back(take_value());
+    } else if (name == "--begin" || name == "--end") {
+      // Parsed once all options are known (--utc may follow).
+      (name == "--begin" ? begin_text : end_text) = take_value();
+    } else if (name == "--last") {
+      std::string error = parse_duration(take_value(), &options.filter.begin.ns);
+      if (!error.empty()) throw UsageError("--last: " + error);
+      options.filter.begin.kind = TimeSpec::Kind::kBeforeDump;
     } else {
       throw UsageError("unknown option " + name);
     }
   }
+  for (auto bound : {std::make_pair(&begin_text, &options.filter.begin),
+                     std::make_pair(&end_text, &options.filter.end)}) {
+    if (bound.first->empty()) continue;
+    std::string error = parse_time(*bound.first, options.output.utc, bound.second);
+    if (!error.empty()) throw UsageError(error);
+  }
   return options;
 }
-
-// Copies of records, for merging several inputs: arguments live in one pool per input and
-// strings stay in the input's words, which live as long as its TraceData.
-struct StoredRecord {
-  Record record;
-  size_t first_arg = 0;
-};
-
-class CollectSink : public RecordSink {
- public:
-  void on_record(const Record& record) override {
-    StoredRecord stored{record, args.size()};
-    args.insert(args.end(), record.args, record.args + record.arg_count);
-    records.push_back(stored);
-  }
-  // Points every record at its arguments once the pool no longer moves.
-  void settle() {
-    for (StoredRecord& stored : records) stored.record.args = args.data() + stored.first_arg;
-  }
-  std::vector<StoredRecord> records;
-  std::vector<ArgValue> args;
-};
 
 class NullSink : public RecordSink {
  public:
   void on_record(const Record&) override {}
 };
 
-// The time by which inputs are merged: wall-clock time where known (different processes
-// share it), else monotonic time (shared by the processes of one boot).
-int64_t merge_key(const Record& record) {
-  const SourceInfo& source = *record.source;
-  return source.time.has_wall() ? source.time.wall_ns(record.mono_ns)
-                                : static_cast<int64_t>(record.mono_ns);
-}
+// More words than this at the oldest end of a wrapped buffer, without a single record after
+// them, are not the one record cut at the seam but data that cannot be decoded.
+constexpr uint64_t kSeamWordsExpected = 64;
+
+// The output stopped taking data (a reader that closed its end, a full disk): decoding stops.
+struct OutputStopped {};
+
+// Between the decoding and the formatter: span matching, then the filters, in time order.
+class Pipeline : public RecordSink {
+ public:
+  Pipeline(RecordSink* formatter, RecordFilter* filter, OutputBuffer* buffer)
+      : formatter_(formatter), filter_(filter), buffer_(buffer) {}
+  void on_record(const Record& in) override {
+    const TracePoint* point = in.info != nullptr && !in.raw ? in.info->point : nullptr;
+    if (point != nullptr && point->span_role != TracePoint::SpanRole::kNone) {
+      Record record = in;  // marked with its span
+      spans.on_record(record);
+      show(record);
+    } else {
+      show(in);
+    }
+  }
+  SpanTracker spans;
+
+ private:
+  void show(const Record& record) {
+    if (formatter_ == nullptr || (filter_ != nullptr && !filter_->accept(record))) return;
+    formatter_->on_record(record);
+    if (buffer_->failed()) throw OutputStopped{};
+  }
+  RecordSink* formatter_;
+  RecordFilter* filter_;
+  OutputBuffer* buffer_;
+};
 
 class Run {
  public:
@@ -190,7 +239,9 @@ class Run {
       : options_(options),
         err_(err),
         buffer_(out),
-        cache_(decode_search_path(options.decode_dirs)) {}
+        cache_(decode_search_path(options.decode_dirs)) {
+    if (options.filter.any()) filter_ = std::make_unique<RecordFilter>(options.filter);
+  }
 
   int run() {
     std::vector<InputSpec> inputs;
@@ -209,15 +260,21 @@ class Run {
       return kExitUsage;
     }
     if (!options_.summary) formatter_ = make_formatter(options_.output, buffer_);
-    if (has_stream) {
-      decode_stream(inputs[0]);
-    } else if (!inputs.empty()) {
-      decode_files(inputs);
+    try {
+      if (has_stream) {
+        decode_stream(inputs[0]);
+      } else if (!inputs.empty()) {
+        decode_files(inputs);
+      }
+      if (formatter_) formatter_->end();
+      buffer_.flush();
+    } catch (const OutputStopped&) {
+      stopped_ = true;
     }
-    if (formatter_) formatter_->end();
-    buffer_.flush();
-    if (buffer_.failed()) {
-      fprintf(err_, "quarry-decode: writing the output failed: %s\n", strerror(errno));
+    finish_sources();
+    // A reader that stopped reading (`| head`) is not a failure: decoding just ends early.
+    if (buffer_.failed() && buffer_.error() != EPIPE) {
+      fprintf(err_, "quarry-decode: writing the output failed: %s\n", strerror(buffer_.error()));
       status_ = kExitBadInput;
     }
     if (cache_.had_errors()) status_ = kExitBadInput;
@@ -251,11 +308,44 @@ class Run {
     }
   }
 
-  void report_end(const SourceInfo& source) {
-    for (const std::string& loss : describe_losses(source, options_.output))
-      report(source.name, loss);
-    if (options_.summary) write_summary(source, options_.output, buffer_);
+  // After the last record: span halves left over, then per input its problems, its losses
+  // (on standard error, or in the summary: never both) and whether it was mostly undecodable.
+  void finish_sources() {
+    pipeline_.spans.finish();
+    if (filter_) {
+      for (const std::string& note : filter_->take_notes())
+        fprintf(err_, "quarry-decode: %s\n", note.c_str());
+    }
+    // Decoding that stopped early has counted only part of each input: nothing to report.
+    if (stopped_) return;
+    for (Finished& finished : finished_) {
+      SourceInfo& source = *finished.source;
+      for (const std::string& problem : finished.problems) report(source.name, problem);
+      if (!finished.problems.empty()) status_ = kExitBadInput;
+      const DecodeStats& s = source.stats;
+      // Expected losses (the seam, records in flight at a crash) are a few records; an input
+      // where more words could not be decoded than were decoded is bad.
+      const uint64_t damaged = s.skipped_words - s.seam_words;
+      if ((damaged > 0 && damaged >= s.record_words) ||
+          (s.records == 0 && s.skipped_words > kSeamWordsExpected)) {
+        report(source.name, "most of the data could not be decoded");
+        status_ = kExitBadInput;
+      }
+      if (options_.summary) {
+        write_summary(source, options_.output, buffer_);
+      } else {
+        for (const std::string& loss : describe_losses(source, options_.output))
+          report(source.name, loss);
+      }
+    }
+    buffer_.flush();
   }
+
+  // Inputs whose records were all decoded (or that were cut short), for finish_sources.
+  struct Finished {
+    SourceInfo* source;
+    std::vector<std::string> problems;
+  };
 
   void decode_files(const std::vector<InputSpec>& inputs) {
     std::vector<TraceData> loaded;
@@ -263,8 +353,6 @@ class Run {
       try {
         TraceData data = read_trace_file(input.path, cache_);
         report_source(*data.source, data.notes);
-        for (const std::string& problem : data.problems) report(input.path, problem);
-        if (!data.problems.empty()) status_ = kExitBadInput;
         loaded.push_back(std::move(data));
       } catch (const DecodeError& e) {
         report_decode_files();
@@ -274,47 +362,47 @@ class Run {
     }
     if (loaded.empty()) return;
     std::set<int32_t> pids;
-    for (const TraceData& data : loaded) pids.insert(data.source->header.process_id);
+    for (size_t i = 0; i < loaded.size(); ++i) {
+      SourceInfo& source = *loaded[i].source;
+      pids.insert(source.header.process_id);
+      // The first input of each process lends its clock mapping to the others of the process.
+      for (size_t k = 0; k < i; ++k) {
+        const SourceInfo& earlier = *loaded[k].source;
+        if (earlier.header.process_id == source.header.process_id &&
+            source.time.share_mapping(earlier.time)) {
+          break;
+        }
+      }
+    }
     OutputOptions output = options_.output;
     output.show_process = pids.size() > 1;
     if (output.show_process && formatter_) formatter_ = make_formatter(output, buffer_);
+    pipeline_ = Pipeline(formatter_.get(), filter_.get(), &buffer_);
 
-    if (!formatter_) {
-      NullSink sink;
-      for (TraceData& data : loaded) decode_trace(data, sink);
-    } else if (loaded.size() == 1) {
-      formatter_->begin_source(*loaded[0].source);
-      decode_trace(loaded[0], *formatter_);
-    } else {
-      merge(loaded);
+    for (TraceData& data : loaded) {
+      if (formatter_) formatter_->begin_source(*data.source);
     }
-    for (const TraceData& data : loaded) report_end(*data.source);
-  }
-
-  void merge(std::vector<TraceData>& loaded) {
-    std::vector<CollectSink> collected(loaded.size());
-    for (size_t i = 0; i < loaded.size(); ++i) {
-      decode_trace(loaded[i], collected[i]);
-      collected[i].settle();
-      formatter_->begin_source(*loaded[i].source);
-    }
-    // k-way merge: each input keeps its own order (records of different threads may lie
-    // slightly out of time order in a buffer); ties go to the earlier input.
-    using Head = std::pair<int64_t, size_t>;  // key, input
-    std::priority_queue<Head, std::vector<Head>, std::greater<Head>> heads;
-    std::vector<size_t> next(loaded.size(), 0);
-    for (size_t i = 0; i < loaded.size(); ++i) {
-      if (!collected[i].records.empty())
-        heads.emplace(merge_key(collected[i].records[0].record), i);
-    }
-    while (!heads.empty()) {
-      size_t i = heads.top().second;
-      heads.pop();
-      formatter_->on_record(collected[i].records[next[i]].record);
-      if (++next[i] < collected[i].records.size()) {
-        heads.emplace(merge_key(collected[i].records[next[i]].record), i);
+    // The sources outlive the decoding (the summary and reports read them after it).
+    auto finish = [this](TraceData& data) {
+      finished_.push_back(Finished{data.source.get(), data.problems});
+      kept_.push_back(std::move(data.source));
+    };
+    if (loaded.size() == 1) {
+      try {
+        decode_trace(loaded[0], pipeline_);
+      } catch (const OutputStopped&) {
+        finish(loaded[0]);
+        throw;
       }
+      finish(loaded[0]);
+      return;
     }
+    Merger merger;
+    for (uint32_t i = 0; i < loaded.size(); ++i) {
+      decode_trace(loaded[i], merger.input(i));
+      finish(loaded[i]);
+    }
+    merger.replay(pipeline_);
   }
 
   void decode_stream(const InputSpec& input) {
@@ -326,13 +414,13 @@ class Run {
       status_ = kExitBadInput;
       return;
     }
-    NullSink null_sink;
-    RecordSink& sink = formatter_ ? static_cast<RecordSink&>(*formatter_) : null_sink;
-    StreamDecoder decoder(name, cache_, sink, [this](SourceInfo& source) {
+    pipeline_ = Pipeline(formatter_.get(), filter_.get(), &buffer_);
+    StreamDecoder decoder(name, cache_, pipeline_, [this](SourceInfo& source) {
       report_source(source, source.header.warnings);
       if (formatter_) formatter_->begin_source(source);
     });
     std::vector<char> chunk(64 * 1024);
+    bool stopped = false;
     try {
       for (;;) {
         ssize_t got = read(fd, chunk.data(), chunk.size());
@@ -346,17 +434,23 @@ class Run {
         decoder.feed(chunk.data(), static_cast<size_t>(got));
         // Live: what arrived is shown at once.
         buffer_.flush();
+        if (buffer_.failed()) throw OutputStopped{};
       }
       decoder.finish();
-      for (const std::string& problem : decoder.problems()) report(name, problem);
-      if (!decoder.problems().empty()) status_ = kExitBadInput;
     } catch (const DecodeError& e) {
       report_decode_files();
       report(name, e.what());
       status_ = kExitBadInput;
+    } catch (const OutputStopped&) {
+      stopped = true;
     }
     if (!stdin_input) close(fd);
-    if (decoder.source() != nullptr) report_end(*decoder.source());
+    for (std::unique_ptr<SourceInfo>& source : decoder.take_sources()) {
+      finished_.push_back(Finished{source.get(), {}});
+      kept_.push_back(std::move(source));
+    }
+    if (!finished_.empty()) finished_.back().problems = decoder.problems();
+    if (stopped) throw OutputStopped{};
   }
 
   const Options& options_;
@@ -364,8 +458,13 @@ class Run {
   OutputBuffer buffer_;
   DecodeFileCache cache_;
   std::unique_ptr<Formatter> formatter_;
+  std::unique_ptr<RecordFilter> filter_;
+  Pipeline pipeline_{nullptr, nullptr, &buffer_};
+  std::vector<Finished> finished_;
+  std::vector<std::unique_ptr<SourceInfo>> kept_;
   size_t reported_diagnostics_ = 0;
   int status_ = kExitOk;
+  bool stopped_ = false;
 };
 
 }  // namespace
@@ -380,6 +479,10 @@ int run_cli(int argc, const char* const* argv, FILE* out, FILE* err) {
   }
   if (options.help) {
     fputs(kUsage, out);
+    return kExitOk;
+  }
+  if (options.version) {
+    fputs("quarry-decode " QUARRY_DECODE_VERSION "\n", out);
     return kExitOk;
   }
   if (options.inputs.empty()) {

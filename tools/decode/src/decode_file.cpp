@@ -2,10 +2,13 @@
 // files. Parsing is pure; the cache is owned by one decoding run (not thread-safe).
 #include "quarry_decode/decode_file.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <fstream>
-#include <sstream>
+#include <algorithm>
 
 #include "quarry/quarry.h"
 
@@ -72,6 +75,10 @@ class LineParser {
     size_t equals = line.find('=');
     std::string_view fields_text = line.substr(0, equals);
     std::vector<std::string_view> fields = split_fields(fields_text);
+    if (!fields.empty() && fields.back()[0] == '@') {
+      if (!span_marker(fields.back(), point)) return false;
+      fields.pop_back();
+    }
     if (fields.size() < 3) {
       return fail("expected <index> <name> <signature> [<argument> ...] [= <message>]");
     }
@@ -94,6 +101,28 @@ class LineParser {
   bool fail(std::string what) {
     error = std::move(what);
     return false;
+  }
+
+  // "@begin:<span>" or "@end:<span>", the span name made of letters, digits, '_', '.', '-'.
+  bool span_marker(std::string_view text, TracePoint* point) {
+    std::string_view name;
+    if (text.compare(0, 7, "@begin:") == 0) {
+      point->span_role = TracePoint::SpanRole::kBegin;
+      name = text.substr(7);
+    } else if (text.compare(0, 5, "@end:") == 0) {
+      point->span_role = TracePoint::SpanRole::kEnd;
+      name = text.substr(5);
+    } else {
+      return fail("marker " + quoted(text) + " is not @begin:<span> or @end:<span>");
+    }
+    bool ok = !name.empty();
+    for (char c : name) ok = ok && (is_alpha(c) || is_digit(c) || c == '.' || c == '-');
+    if (!ok) {
+      return fail("span name " + quoted(name) +
+                  ": use letters, digits, '_', '.' and '-' (at least one)");
+    }
+    point->span = std::string(name);
+    return true;
   }
 
   bool index(std::string_view text, uint32_t* out) {
@@ -261,6 +290,50 @@ bool file_exists(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
 }
 
+// Reads a decode file whose name came from a trace header, that is from anyone: it is opened
+// without blocking (a FIFO must not hang the decoder), must be a regular file after the open
+// (no device, no FIFO, whatever the name pointed to when it was looked up) and is read only up
+// to the size cap. Returns "" on success, else what is wrong.
+std::string read_bounded(const std::string& path, std::string* text) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return std::string("cannot be opened: ") + strerror(errno);
+  struct stat st;
+  std::string error;
+  if (fstat(fd, &st) != 0) {
+    error = std::string("cannot be read: ") + strerror(errno);
+  } else if (!S_ISREG(st.st_mode)) {
+    error = "is not a regular file";
+  } else if (static_cast<uint64_t>(st.st_size) > kMaxDecodeFileBytes) {
+    error = "is larger than " + std::to_string(kMaxDecodeFileBytes >> 20) + " MiB";
+  } else {
+    // Read to the end, growing past the size fstat gave if the file grew meanwhile, but never
+    // beyond one byte more than the cap.
+    text->resize(static_cast<size_t>(st.st_size) + 1);
+    size_t done = 0;
+    for (;;) {
+      if (done == text->size()) {
+        if (done > kMaxDecodeFileBytes) break;
+        text->resize(std::min(done * 2, kMaxDecodeFileBytes + 1));
+      }
+      ssize_t got = read(fd, &(*text)[done], text->size() - done);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) {
+        error = std::string("cannot be read: ") + strerror(errno);
+        break;
+      }
+      if (got == 0) break;
+      done += static_cast<size_t>(got);
+    }
+    text->resize(done);
+    if (error.empty() && done > kMaxDecodeFileBytes) {
+      error = "is larger than " + std::to_string(kMaxDecodeFileBytes >> 20) + " MiB";
+    }
+    text->shrink_to_fit();
+  }
+  close(fd);
+  return error;
+}
+
 }  // namespace
 
 DecodeFile parse_decode_file(std::string_view text, const std::string& path) {
@@ -339,14 +412,13 @@ std::shared_ptr<const DecodeFile> DecodeFileCache::get(const std::string& name) 
     diagnostics_.push_back("decode file \"" + name + "\" not found" + where +
                            "; its records are shown raw");
   } else {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (!in) {
-      diagnostics_.push_back(path + ": cannot be read; its records are shown raw");
+    std::string text;
+    const std::string error = read_bounded(path, &text);
+    if (!error.empty()) {
+      diagnostics_.push_back("decode file " + path + " " + error + "; its records are shown raw");
       had_errors_ = true;
     } else {
-      auto file = std::make_shared<DecodeFile>(parse_decode_file(text.str(), path));
+      auto file = std::make_shared<DecodeFile>(parse_decode_file(text, path));
       for (const std::string& error : file->errors) diagnostics_.push_back(error);
       if (!file->errors.empty()) had_errors_ = true;
       result = std::move(file);

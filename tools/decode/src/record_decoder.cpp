@@ -75,11 +75,23 @@ RecordDecoder::Result RecordDecoder::decode_signed(const uint32_t* words, size_t
       numeric_at[numeric++] = static_cast<uint32_t>(p++);
     } else {
       const size_t start = p;
+      if (position_ + p >= nul_free_from_ && position_ + p < nul_free_to_) {
+        p = static_cast<size_t>(nul_free_to_ - position_);
+      }
       for (;;) {
-        if (p >= available) return short_data;
+        if (p - start > kMaxStringWords) return Result::kReject;
+        if (p >= available) {
+          nul_free_from_ = position_ + start;
+          nul_free_to_ = position_ + available;
+          return short_data;
+        }
         const uint32_t word = words[p++];
         const unsigned zero = first_zero_byte(word);
         if (zero == 4) continue;
+        if (p - 1 > start) {
+          nul_free_from_ = position_ + start;
+          nul_free_to_ = position_ + p - 1;
+        }
         // The bytes after the NUL fill the word with zeros.
         if (zero < 3 && (word >> (8 * (zero + 1))) != 0) return Result::kReject;
         string_at[strings] = static_cast<uint32_t>(start);
@@ -107,8 +119,9 @@ RecordDecoder::Result RecordDecoder::decode_signed(const uint32_t* words, size_t
     flags = stored;
   }
   if (escapable < 32 && (flags >> escapable) != 0) return Result::kReject;
-  if (checks_.successor_is_header && p < available && !is_header_word(words[p])) {
-    return Result::kReject;
+  if (checks_.successor_is_header) {
+    if (p >= available && !final) return Result::kNeedMore;  // the next word decides
+    if (p < available && !is_header_word(words[p])) return Result::kReject;
   }
 
   // Escapable words: restored where flagged. A flagged word reads 0x7Fxxxxxx; an unflagged one
@@ -162,6 +175,7 @@ RecordDecoder::Result RecordDecoder::decode_raw(const uint32_t* words, size_t av
                                                 Record* out) {
   size_t p = 1;
   while (p < available && !is_header_word(words[p])) ++p;
+  if (p > RecordDecoder::kMaxStringWords) return Result::kReject;
   if (p == available && !final) return Result::kNeedMore;
   if (p < kFixedWords) return Result::kReject;
   const uint32_t flags = (words[0] >> 16) & 0xFFu;
@@ -214,6 +228,7 @@ void RecordWalker::good(const Record& record) {
   if (stats.records == 0 || record.mono_ns > stats.last_mono_ns)
     stats.last_mono_ns = record.mono_ns;
   ++stats.records;
+  stats.record_words += record.length;
   if (record.raw) ++stats.raw_records;
   if (damage_open_) {
     stats.damage_to_ns = record.mono_ns;
@@ -224,14 +239,23 @@ void RecordWalker::good(const Record& record) {
   at_seam_ = false;
 }
 
+bool RecordWalker::is_text_header(const uint32_t* words, size_t count, bool final) {
+  static constexpr uint32_t kVers = 0x53524556u, kIon = 0x204E4F49u;  // "VERS", "ION "
+  return count > 0 && words[0] == kVers && (count > 1 ? words[1] == kIon : !final);
+}
+
 size_t RecordWalker::walk(const uint32_t* words, size_t count, bool final, RecordSink& sink) {
   DecodeStats& stats = source_.stats;
   size_t i = 0;
   Record record;
   while (i < count) {
     if (!is_header_word(words[i])) {
+      if (stop_at_text_header_ && is_text_header(words + i, count - i, final)) break;
       size_t j = i + 1;
-      while (j < count && !is_header_word(words[j])) ++j;
+      while (j < count && !is_header_word(words[j]) &&
+             !(stop_at_text_header_ && is_text_header(words + j, count - j, final))) {
+        ++j;
+      }
       stats.skipped_words += j - i;
       if (at_seam_) {
         stats.seam_words += j - i;
@@ -241,6 +265,7 @@ size_t RecordWalker::walk(const uint32_t* words, size_t count, bool final, Recor
       i = j;
       continue;
     }
+    decoder_.set_position(offset_ + i);
     RecordDecoder::Result result = decoder_.decode(words + i, count - i, final, &record);
     if (result == RecordDecoder::Result::kNeedMore) break;
     if (result == RecordDecoder::Result::kReject) {

@@ -30,6 +30,7 @@ void StreamDecoder::feed(const char* data, size_t size) {
   checks.upper_bound_ns = 0;
   checks.successor_is_header = false;
   walker_ = std::make_unique<RecordWalker>(*source_, checks, false);
+  walker_->stop_at_text_header(true);
   if (on_header_) on_header_(*source_);
 
   // What arrived beyond the header: the fill up to the 4-byte boundary, then data.
@@ -71,7 +72,7 @@ void StreamDecoder::add_data(const char* data, size_t size) {
   partial_size_ = size % 4;
   memcpy(partial_, data + whole * 4, partial_size_);
 
-  next_ += walker_->walk(words_.data() + next_, words_.size() - next_, false, sink_);
+  walk(false);
   // Drop consumed words once they are the larger part, so the buffer stays near the size of
   // the longest record in flight.
   if (next_ > 4096 && next_ * 2 > words_.size()) {
@@ -80,13 +81,44 @@ void StreamDecoder::add_data(const char* data, size_t size) {
   }
 }
 
+// Walks what arrived; at a new stream's header, ends this stream and starts the next with the
+// bytes from there on.
+void StreamDecoder::walk(bool final) {
+  next_ += walker_->walk(words_.data() + next_, words_.size() - next_, final, sink_);
+  if (!RecordWalker::is_text_header(words_.data() + next_, words_.size() - next_, true)) return;
+  walker_->finish();
+  std::string rest(reinterpret_cast<const char*>(words_.data() + next_),
+                   (words_.size() - next_) * 4);
+  rest.append(reinterpret_cast<const char*>(partial_), partial_size_);
+  done_.push_back(std::move(source_));
+  walker_.reset();
+  words_.clear();
+  next_ = 0;
+  partial_size_ = 0;
+  fill_left_ = 0;
+  scanner_ = HeaderScanner();
+  feed(rest.data(), rest.size());
+}
+
+std::vector<std::unique_ptr<SourceInfo>> StreamDecoder::take_sources() {
+  std::vector<std::unique_ptr<SourceInfo>> all = std::move(done_);
+  if (source_) all.push_back(std::move(source_));
+  done_.clear();
+  return all;
+}
+
 void StreamDecoder::finish() {
-  if (!source_) {
-    if (header_bytes_.empty()) throw DecodeError("the stream is empty");
-    // Give the scanner the chance to reject garbage with its own message first.
-    throw DecodeError("the stream ended inside its header");
+  for (;;) {
+    if (!source_) {
+      if (header_bytes_.empty()) throw DecodeError("the stream is empty");
+      // Give the scanner the chance to reject garbage with its own message first.
+      throw DecodeError("the stream ended inside its header");
+    }
+    // A walk that meets a new stream's header starts that stream; walk it to its end too.
+    const SourceInfo* before = source_.get();
+    walk(true);
+    if (source_.get() == before) break;
   }
-  next_ += walker_->walk(words_.data() + next_, words_.size() - next_, true, sink_);
   walker_->finish();
   if (partial_size_ > 0) {
     problems_.push_back("the stream ended inside a word (" + std::to_string(partial_size_) +

@@ -1,5 +1,7 @@
 // The summary of one input (--summary) and the sentences that report lost and undecodable
 // data. Runs once per input on the decoding thread.
+#include <signal.h>
+
 #include <string>
 #include <utility>
 
@@ -59,6 +61,31 @@ class Lines {
   std::string& out_;
 };
 
+// For a fault signal the library's SIGNALING_PID holds the low 32 bits of the fault address
+// (si_addr shares its place with si_pid); for the others, the sender's process ID.
+std::string termination_text(int32_t signal, int32_t signaling_pid) {
+  static const struct {
+    int number;
+    const char* name;
+    bool fault;
+  } kSignals[] = {{SIGINT, "SIGINT", false},   {SIGQUIT, "SIGQUIT", false},
+                  {SIGILL, "SIGILL", true},    {SIGABRT, "SIGABRT", false},
+                  {SIGBUS, "SIGBUS", true},    {SIGFPE, "SIGFPE", true},
+                  {SIGSEGV, "SIGSEGV", true},  {SIGTERM, "SIGTERM", false},
+                  {SIGKILL, "SIGKILL", false}, {SIGHUP, "SIGHUP", false}};
+  std::string text = "signal " + std::to_string(signal);
+  for (const auto& known : kSignals) {
+    if (known.number != signal) continue;
+    text += std::string(" (") + known.name + ")";
+    if (known.fault) {
+      std::string address;
+      append_hex(address, static_cast<uint32_t>(signaling_pid), 8);
+      return text + ", fault address " + address + " (its low 32 bits)";
+    }
+  }
+  return text + " from pid " + std::to_string(signaling_pid);
+}
+
 }  // namespace
 
 std::string format_wall_time(int64_t wall_ns, bool utc) {
@@ -77,7 +104,10 @@ std::vector<std::string> describe_losses(const SourceInfo& source, const OutputO
   const TraceHeader& h = source.header;
   const DecodeStats& s = source.stats;
   if (!source.is_stream && (source.wrapped || h.wraparound_count != 0)) {
-    std::string text = "the buffer wrapped " + plural(h.wraparound_count, "time", "times");
+    // WRAPAROUND_COUNT counts the records that crossed the end of the buffer; a record that
+    // ended exactly there was not counted, so a wrapped buffer may report 0. The count is
+    // left to --summary; this sentence says what was lost.
+    std::string text = "the buffer wrapped";
     // ENTRY_COUNT counts every record ever written; what survived is what was decoded or
     // rejected, plus the record cut at the seam.
     int64_t lost = static_cast<int64_t>(h.entry_count) - static_cast<int64_t>(s.records) -
@@ -108,6 +138,18 @@ std::vector<std::string> describe_losses(const SourceInfo& source, const OutputO
     const std::string to =
         s.damage_to_end ? std::string("the end of the data") : time_text(source, to_ns, options);
     text += " between " + from + " and " + to;
+    out.push_back(text);
+  }
+  if (s.span_ends_unmatched > 0 || s.spans_open > 0) {
+    std::string text;
+    if (s.span_ends_unmatched > 0) {
+      text = plural(s.span_ends_unmatched, "span end", "span ends") +
+             " without their begin (overwritten or before the data)";
+    }
+    if (s.spans_open > 0) {
+      if (!text.empty()) text += "; ";
+      text += plural(s.spans_open, "span", "spans") + " begun and not ended (in flight)";
+    }
     out.push_back(text);
   }
   return out;
@@ -167,9 +209,9 @@ void write_summary(const SourceInfo& source, const OutputOptions& options, Outpu
     lines.add("wraparounds", wraps);
   }
   if (h.has(TraceHeader::kSignal)) {
-    lines.add("terminated by", "signal " + std::to_string(h.signal) + " from pid " +
-                                   std::to_string(h.signaling_pid));
+    lines.add("terminated by", termination_text(h.signal, h.signaling_pid));
   }
+  if (!h.parent_pid.empty()) lines.add("parent process", "pid " + h.parent_pid);
   for (const HandleInfo& handle : source.catalog.handles()) {
     std::string text = handle.ref.handle + " ids " + std::to_string(handle.ref.first_id) + ".." +
                        std::to_string(handle.ref.last_id) + ", tag " + handle.ref.tag +

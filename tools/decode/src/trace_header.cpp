@@ -162,6 +162,8 @@ class ItemParser {
     } else if (key == "SIGNAL") {
       once(TraceHeader::kSignal);
       h_.signal = static_cast<int32_t>(decimal(value, false, 64));
+    } else if (key == "PARENT_PID") {
+      h_.parent_pid = std::string(value);
     } else {
       h_.unknown_items.emplace_back(std::string(key), std::string(value));
     }

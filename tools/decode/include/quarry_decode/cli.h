@@ -9,7 +9,10 @@ namespace quarry_decode {
 
 // Exit statuses.
 constexpr int kExitOk = 0;
-constexpr int kExitBadInput = 1;  // some input was bad: what could be decoded was still shown
+// An input or decode file was malformed, or most of an input could not be decoded: what could
+// be decoded was still shown. Expected losses (a wrapped ring, the record cut at its oldest
+// end, records in flight at a crash) and an output closed by its reader leave kExitOk.
+constexpr int kExitBadInput = 1;
 constexpr int kExitUsage = 2;
 
 // Runs quarry-decode with argv[1..argc-1]; records go to `out` (unless -o names a file),

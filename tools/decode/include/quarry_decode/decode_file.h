@@ -37,7 +37,16 @@ struct TracePoint {
   std::vector<MessagePart> message;
   uint32_t numeric_words = 0;  // 'd' counts 1, 'D' 2
   size_t line = 0;
+  // A `@begin:<span>` or `@end:<span>` marker: the record opens or closes a span of that name
+  // on its thread.
+  enum class SpanRole : uint8_t { kNone, kBegin, kEnd };
+  SpanRole span_role = SpanRole::kNone;
+  std::string span;
 };
+
+// Decode files larger than this are refused (a generated file for 65536 trace points stays
+// far below it).
+constexpr size_t kMaxDecodeFileBytes = 16u << 20;
 
 // The writer's limits, which a decode file must respect.
 constexpr size_t kMaxSignatureLength = 32;
@@ -76,8 +85,9 @@ class DecodeFileCache {
   explicit DecodeFileCache(std::vector<std::string> search_path)
       : search_path_(std::move(search_path)) {}
 
-  // The parsed file, or null when no file of that name exists (or it cannot be read). The
-  // first lookup of a name adds what went wrong to diagnostics().
+  // The parsed file, or null when no file of that name exists or it cannot be used (not a
+  // regular file, larger than kMaxDecodeFileBytes, unreadable). The first lookup of a name adds
+  // what went wrong to diagnostics().
   std::shared_ptr<const DecodeFile> get(const std::string& name);
 
   const std::vector<std::string>& search_path() const { return search_path_; }

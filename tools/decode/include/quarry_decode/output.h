@@ -42,15 +42,18 @@ class OutputBuffer {
   }
   // Writes everything out and flushes the stream (for live pipe output).
   void flush();
-  // A write to the stream failed (a closed pipe, a full disk).
+  // A write to the stream failed (a closed pipe, a full disk); nothing more is written then.
   bool failed() const { return failed_; }
+  // The errno of the failed write.
+  int error() const { return error_; }
 
-  static constexpr size_t kBlock = 64 * 1024;
+  static constexpr size_t kBlock = 256 * 1024;
 
  private:
   FILE* out_;
   std::string text_;
   bool failed_ = false;
+  int error_ = 0;
 };
 
 class Formatter : public RecordSink {

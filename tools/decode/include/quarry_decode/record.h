@@ -33,6 +33,11 @@ struct Record {
   uint32_t arg_count = 0;
   uint64_t offset = 0;  // word offset of the header word in the walked data
   uint32_t length = 0;  // words
+  // Span matching (a span's end record whose begin was seen): when the span began, and the
+  // number the matcher gave its begin record (begin records carry their own number).
+  bool span_matched = false;
+  uint64_t span_begin_ns = 0;
+  uint64_t span_id = 0;
 };
 
 // What one walk over a trace file's data or a stream found.
@@ -42,6 +47,7 @@ struct DecodeStats {
   uint64_t rejected = 0;       // header words whose record did not fit its signature
   uint64_t skipped_words = 0;  // words that belong to no decoded record
   uint64_t seam_words = 0;     // of those, the partly overwritten record at the oldest end
+  uint64_t record_words = 0;   // words of the decoded records
   uint64_t first_mono_ns = 0;  // time span of the decoded records
   uint64_t last_mono_ns = 0;
   // Time range around the damaged data: from the last good record before the first damage
@@ -51,6 +57,10 @@ struct DecodeStats {
   bool damage_to_end = false;
   uint64_t damage_from_ns = 0;
   uint64_t damage_to_ns = 0;
+  // Span halves without their partner: ends whose begin was overwritten or lies before the
+  // data, begins still open at the end (in flight at the dump or crash).
+  uint64_t span_ends_unmatched = 0;
+  uint64_t spans_open = 0;
 };
 
 }  // namespace quarry_decode

@@ -42,6 +42,14 @@ class RecordDecoder {
   // from `words`.
   Result decode(const uint32_t* words, size_t available, bool final, Record* out);
 
+  // The position of words[0] in the whole data, so that what one decode learned about a run of
+  // string words serves the next (the walker sets it before each decode).
+  void set_position(uint64_t position) { position_ = position; }
+
+  // A string longer than this is taken for damage: it bounds the words a reader must hold for
+  // one record, whatever the input.
+  static constexpr size_t kMaxStringWords = size_t{1} << 22;
+
  private:
   Result decode_signed(const uint32_t* words, size_t available, bool final, Record* out);
   Result decode_raw(const uint32_t* words, size_t available, bool final, Record* out);
@@ -52,6 +60,10 @@ class RecordDecoder {
   uint64_t lower_bound_ns_;
   Checks checks_;
   std::vector<ArgValue> args_;
+  uint64_t position_ = 0;
+  // Words [nul_free_from_, nul_free_to_) of the data hold no zero byte: a string scan that
+  // starts inside skips to its end, so false headers inside one long string cost linear time.
+  uint64_t nul_free_from_ = 0, nul_free_to_ = 0;
 };
 
 // Receives decoded records in data order.
@@ -80,6 +92,12 @@ class RecordWalker {
   // and are treated like the seam of a wrapped buffer.
   void restart_at_seam() { at_seam_ = true; }
 
+  // Pipe streams: stop before the words "VERSION " (a new stream's header, as when saved
+  // streams were concatenated), so that the caller can start a new input there. When the word
+  // after "VERS" has not arrived yet (and `final` is not set) the walk stops too.
+  void stop_at_text_header(bool stop) { stop_at_text_header_ = stop; }
+  static bool is_text_header(const uint32_t* words, size_t count, bool final);
+
   // Closes the damage range at the end of the data.
   void finish();
 
@@ -90,6 +108,7 @@ class RecordWalker {
   SourceInfo& source_;
   RecordDecoder decoder_;
   bool at_seam_;
+  bool stop_at_text_header_ = false;
   bool any_good_ = false;
   bool damage_open_ = false;
   uint64_t last_good_ns_ = 0;

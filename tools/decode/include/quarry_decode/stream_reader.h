@@ -32,14 +32,19 @@ class StreamDecoder {
   // DecodeError when the stream ended inside its header.
   void finish();
 
-  // Null until the header is complete.
+  // Null until the header is complete. A stream that holds several streams one after the
+  // other (a new header where a record would begin) gives one source per stream: this is the
+  // current one.
   SourceInfo* source() { return source_.get(); }
+  // Every source of the stream, in order, for reports after the end (records point to them,
+  // so they must outlive the output).
+  std::vector<std::unique_ptr<SourceInfo>> take_sources();
   // Problems of the stream as a whole (it ended inside a word), for the caller to report.
   const std::vector<std::string>& problems() const { return problems_; }
 
  private:
-  void start_data(const char* data, size_t size);
   void add_data(const char* data, size_t size);
+  void walk(bool final);
 
   std::string name_;
   DecodeFileCache& cache_;
@@ -48,6 +53,7 @@ class StreamDecoder {
   HeaderScanner scanner_;
   std::string header_bytes_;
   std::unique_ptr<SourceInfo> source_;
+  std::vector<std::unique_ptr<SourceInfo>> done_;  // earlier streams of a concatenation
   std::unique_ptr<RecordWalker> walker_;
   size_t fill_left_ = 0;  // fill bytes after the header not received yet
   std::vector<uint32_t> words_;

@@ -17,7 +17,16 @@ class TimeBase {
   // Whether the header carries the alpha pair; without it only monotonic time is known.
   bool has_wall() const { return has_wall_; }
   // Nanoseconds since the Unix epoch of a CLOCK_MONOTONIC time (index bits already stripped).
-  int64_t wall_ns(uint64_t mono_ns) const { return offset_ns_ + static_cast<int64_t>(mono_ns); }
+  // Taken modulo 2^64, so that no header value can make it overflow.
+  int64_t wall_ns(uint64_t mono_ns) const {
+    return static_cast<int64_t>(static_cast<uint64_t>(offset_ns_) + mono_ns);
+  }
+
+  // Buffers of one process each sample their own clock pair, a few microseconds apart at the
+  // wall clock's microsecond resolution: merged, they take one pair's mapping, so that their
+  // wall-clock times keep the order of their shared monotonic clock. True when `other` maps
+  // within a second of this one (the same process, not a reused process ID) and was taken.
+  bool share_mapping(const TimeBase& other);
 
   // Whether the omega pair is usable (present and not zero, which a pipe stream opened before
   // any dump carries).

@@ -85,6 +85,8 @@ struct TraceHeader {
   // Termination reason: the values were printed as unsigned 64-bit of sign-extended 32-bit
   // numbers; they are narrowed back here.
   int32_t signaling_pid = 0, signal = 0;
+  // PARENT_PID of a forked child's files, as written ("" when absent).
+  std::string parent_pid;
   // Keys this decoder does not know, in file order (kept for --summary).
   std::vector<std::pair<std::string, std::string>> unknown_items;
   // Things that are odd but do not stop decoding (a repeated key, a minor version, ...).
