@@ -132,6 +132,7 @@ void drop_unfinished(std::vector<uint32_t>& words, size_t n, size_t position,
   const size_t end = position + n;
   while (i < end) {
     auto it = length_at.find(i % n);
+    size_t g;  // the next good record, where the gap that starts at i ends (always past i)
     if (it != length_at.end()) {
       // A good record never holds another record's header word (string words aside): one
       // that does was decoded from a stale header over a record being written, and the
@@ -141,8 +142,10 @@ void drop_unfinished(std::vector<uint32_t>& words, size_t n, size_t position,
         i += it->second;
         continue;
       }
+      g = inner;
+    } else {
+      g = std::min(next_good(i), end);
     }
-    const size_t g = std::min(next_good(i), end);
     for (size_t k = i; k < g; ++k) words[k % n] = k == i ? filler : 0;
     i = g;
   }
