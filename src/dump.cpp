@@ -1,6 +1,6 @@
 // Dumping buffers to trace files: one buffer (dump_circular_buffer, quarry_dump), all buffers
 // (quarry_dump_all, also run by the signal handlers) and the exit dump. Thread contract: no
-// lock, no allocation, no stdio; only open, write, close, umask and the clocks, so every
+// lock, no allocation, no stdio; only open, fstat, fchmod, write, close and the clocks, so every
 // function here may run inside a signal handler and while other threads hold any quarry lock.
 #include <errno.h>
 #include <fcntl.h>
@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "ring.h"
+#include "safe_files.h"
 #include "trace_file.h"
 
 namespace {
@@ -42,13 +43,12 @@ int dump_circular_buffer(circular_buffer* cb) {
     return 1;
   }
 
-  // Trace files are meant for whoever collects them, whatever the host's umask. The umask is
-  // process-wide: a file another thread creates in this short window gets umask 0.
-  // O_CLOEXEC keeps the descriptor out of children a host forks and execs meanwhile.
-  mode_t previous_umask = umask(0);
-  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Trace files are meant for whoever collects them, whatever the host's umask: mode 0666
+  // (0600 in private mode), set exactly on the new file. No link is followed and no file
+  // planted by another user is truncated (safe_files.h). O_CLOEXEC keeps the descriptor out of
+  // children a host forks and execs meanwhile.
+  int fd = open_for_writing(path, trace_file_mode(), true);
   int open_error = errno;
-  umask(previous_umask);
   if (fd < 0) {
     report_dump_failure(kOpenFailed, path, open_error);
     return 1;

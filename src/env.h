@@ -8,6 +8,8 @@
 struct quarry_env {
   char* quarry_path;      // trace base directory, ends in '/'
   char* quarry_dec_path;  // decode directory, ends in '/'
+  // QUARRY_FILE_MODE: 0 shared (the default), 1 private (directories 0700, files 0600).
+  int private_files;
 };
 
 // Heap copy of path that ends in '/'; null when memory runs out.
