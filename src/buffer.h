@@ -79,6 +79,10 @@ struct circular_buffer {
   std::atomic<uint32_t> wraparound_count;
   std::atomic<uint64_t> min_wraparound_time;
   std::atomic<uint64_t> max_wraparound_time;
+  // While a fatal signal is handled: the ring word and word count that the crash dump writes,
+  // while `ring` points at the scratch ring (ring.h, hold_ring). 0 otherwise.
+  std::atomic<uint64_t> held_ring;
+  std::atomic<uint32_t> held_word_count;
 };
 
 // Wall-clock time (gettimeofday) and CLOCK_MONOTONIC time, read together.

@@ -57,7 +57,8 @@ int dump_circular_buffer(circular_buffer* cb) {
   // One load of the ring gives memory and size together: the header announces the size of
   // exactly the array written below. A growth during the dump leaves this (never freed)
   // array consistent with its announced size; records stored after the growth miss the file.
-  const ring_view ring = load_ring(cb);
+  // While a crash handler holds the buffer, the held ring and count (ring.h).
+  const ring_view ring = dump_ring(cb);
   int result = write_trace_header_sized(cb, ring.size_words, fd, path);
   if (result != 0) {
     close(fd);
@@ -65,7 +66,7 @@ int dump_circular_buffer(circular_buffer* cb) {
   }
 
   // Read after the header, so the data may cover more words than WORD_COUNT announced.
-  const uint32_t word_count = cb->word_count.load(std::memory_order_relaxed);
+  const uint32_t word_count = dump_word_count(cb);
   const uint32_t words = word_count < ring.size_words ? word_count : ring.size_words;
   if (write_ring_words(fd, ring.buffer, words) != 0) {
     report_dump_failure(kDataFailed, path, -1);

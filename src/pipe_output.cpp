@@ -126,7 +126,8 @@ void pipe_record(circular_buffer* cb, uint32_t p, uint32_t n) {
   // just before a growth is read at the same positions in the grown ring, which holds a copy
   // of the words; p and n are bounded by the current size so the read never leaves the ring.
   ring_view ring = load_ring(cb);
-  if (ring.size_words == 0) {
+  // A buffer held for a crash dump writes into the scratch ring, whose words are anybody's.
+  if (ring.size_words == 0 || is_scratch_ring(ring)) {
     QUARRY_UNLOCK_CB(cb);
     return;
   }

@@ -64,3 +64,46 @@ uint32_t next_pow2(uint32_t x);
 // shrinks. Results: 0 done (or nothing to do); 1 no memory (buffer unchanged); -1 the buffer's
 // mutex could not be locked.
 int set_circular_buffer_size(circular_buffer* cb, unsigned int size);
+
+// ---- Holding a ring for a crash dump -----------------------------------------------------------
+//
+// While the crash handler copies a buffer, other threads keep writing records; without care they
+// lap the words being copied and the file holds torn records. hold_ring points the buffer's ring
+// word at a small scratch ring shared by all buffers, so that every record begun afterwards
+// lands there (and is lost), and keeps the real ring and its word count for the dump. A writer
+// loads the ring word once per record already, so the record path pays nothing for this.
+//
+// Invariants (relied on by hold_ring and the dump):
+// - The word count is read (seq_cst) before the ring word is exchanged (seq_cst). A writer that
+//   loads the scratch ring (acquire, reading from the exchange) reserves its words after that
+//   exchange, hence after the count was read: no position below the held count is left unwritten
+//   by a writer that went to the scratch ring.
+// - A writer that loaded the real ring before the exchange is in flight: it finishes that one
+//   record in the real ring, below the held count (it may still be storing during the copy) or
+//   beyond it (over the oldest words, at the seam). Its next record loads the scratch ring. So at
+//   most one record per writer thread and buffer can be damaged in a crash dump.
+// - Nothing ever reads the scratch ring; its words are relaxed atomics, so concurrent writers of
+//   different buffers storing into it are no data race.
+// All of it is async-signal-safe: atomic loads, stores and exchanges only.
+
+// Async-signal-safe. Does nothing for a buffer without memory or one already held.
+void hold_ring(circular_buffer* cb);
+// Puts the real ring back (unless a growth replaced the scratch ring meanwhile) and clears the
+// words reserved while it was held, which were written to the scratch ring only and would
+// otherwise read as stale records. Async-signal-safe.
+void release_ring(circular_buffer* cb);
+// True when the view is the scratch ring (the buffer is held): nothing of it may be read.
+bool is_scratch_ring(const ring_view& ring);
+
+// What a dump writes: the held ring and word count while the buffer is held, else the live ones.
+inline ring_view dump_ring(const circular_buffer* cb) {
+  uint64_t held = cb->held_ring.load(std::memory_order_acquire);
+  return held != 0 ? unpack_ring(held) : load_ring(cb);
+}
+inline uint32_t dump_word_count(const circular_buffer* cb) {
+  // held_ring is stored (release) after held_word_count, so a held ring seen with acquire comes
+  // with its count.
+  return cb->held_ring.load(std::memory_order_acquire) != 0
+             ? cb->held_word_count.load(std::memory_order_relaxed)
+             : cb->word_count.load(std::memory_order_relaxed);
+}

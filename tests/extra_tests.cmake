@@ -24,3 +24,11 @@ if(TARGET crash_signals_test)
   target_compile_definitions(crash_signals_test PRIVATE
     QUARRY_TSAN_SUPPRESSIONS="${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp")
 endif()
+
+# A bounded crash soak: 60 seeded runs (each signal ten times) of a host killed while its
+# writers run; every trace file must decode with no damaged record beyond those in flight.
+# The soak keeps its runs below its own temporary directory. A long run: see docs/security.md.
+if(TARGET quarry-soak)
+  add_test(NAME crash_soak COMMAND quarry-soak --runs 60 --seed 1)
+  set_tests_properties(crash_soak PROPERTIES TIMEOUT 600)
+endif()

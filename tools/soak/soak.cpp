@@ -60,6 +60,9 @@ const char kText[] = "abcdefghijklmnopqrstuvwxyz0123456789ABCDEFGHIJKLMNOPQRSTUV
                            int ready_fd) {
   struct rlimit no_core = {0, 0};
   setrlimit(RLIMIT_CORE, &no_core);  // thousands of runs must not leave core images
+  // A driver started in the background inherits SIGINT and SIGQUIT ignored; the library would
+  // then rightly let the process live on after its dump.
+  for (const Kill& k : kKills) signal(k.signo, SIG_DFL);
   quarry_set_process_name("soak");
   std::vector<quarry_handle*> handles;
   for (int b = 0; b < options.buffers; ++b) {
@@ -118,10 +121,18 @@ const char kText[] = "abcdefghijklmnopqrstuvwxyz0123456789ABCDEFGHIJKLMNOPQRSTUV
 
 // ---- Checking one trace file ----------------------------------------------------------------
 
-// Checks every decoded record's arguments against the sequence they were derived from.
+// Checks every decoded record's arguments against the sequence they were derived from, and
+// counts damage sites: runs of words between two decoded records (or after the last), each of
+// which one record in flight can explain. The decoder may reject a whole record next to such a
+// run (the word after a record must be a header word), so sites, not rejected records, are
+// what the writers in flight bound.
 struct CheckingSink : quarry_decode::RecordSink {
   uint64_t mixed = 0;
+  uint64_t sites = 0;
+  uint64_t end = 0;  // word offset after the last decoded record; 0 before the first
   void on_record(const quarry_decode::Record& r) override {
+    if (end != 0 && r.offset > end) ++sites;
+    end = r.offset + r.length;
     const quarry_decode::ArgValue* a = r.args;
     bool ok = true;
     switch (r.id) {
@@ -144,13 +155,14 @@ struct CheckingSink : quarry_decode::RecordSink {
       default:
         ok = false;
     }
-    if (!ok) ++mixed;
+    if (!ok) ++mixed, ++sites;
   }
 };
 
 struct Totals {
   int runs = 0, failed_runs = 0, files = 0, damaged_files = 0;
-  uint64_t records = 0, rejected = 0, mixed = 0, beyond_in_flight = 0, skipped_words = 0;
+  uint64_t records = 0, rejected = 0, mixed = 0, sites = 0, beyond_in_flight = 0;
+  uint64_t skipped_words = 0;
 };
 
 // Returns an empty string when the file is good, else what is wrong with it.
@@ -165,6 +177,7 @@ std::string check_file(const Options& options, const std::string& path, const st
   }
   CheckingSink sink;
   quarry_decode::decode_trace(data, sink);
+  if (sink.end != 0 && sink.end < data.words.size()) ++sink.sites;  // a hole at the newest end
   const auto& header = data.source->header;
   const auto& stats = data.source->stats;
   ++totals.files;
@@ -172,17 +185,18 @@ std::string check_file(const Options& options, const std::string& path, const st
   totals.rejected += stats.rejected;
   totals.mixed += sink.mixed;
   totals.skipped_words += stats.skipped_words - stats.seam_words;
+  totals.sites += sink.sites;
   // Each writer may have had one record of this buffer in flight when the signal arrived.
-  uint64_t damaged = stats.rejected + sink.mixed;
+  uint64_t damaged = sink.sites;
   uint64_t allowed = static_cast<uint64_t>(options.threads);
-  if (damaged > 0) ++totals.damaged_files;
+  if (stats.rejected + sink.mixed > 0) ++totals.damaged_files;
   if (damaged > allowed) totals.beyond_in_flight += damaged - allowed;
   if (header.signal != kill.signo) return "termination reason " + std::to_string(header.signal);
   if (kill.from_driver && header.signaling_pid != getpid()) return "wrong sender";
   if (kill.signo == SIGABRT && header.signaling_pid != host) return "wrong sender";
   if (!data.problems.empty()) return data.problems.front();
   if (stats.records == 0) return "no records";
-  return damaged > allowed ? std::to_string(damaged) + " damaged records" : "";
+  return damaged > allowed ? std::to_string(damaged) + " damage sites" : "";
 }
 
 // ---- The driver -----------------------------------------------------------------------------
@@ -214,8 +228,12 @@ bool run_once(const Options& options, const std::string& work, int index, Totals
     }
   }
   close(ready[0]);
+  // A host that outlives its signal by far is a failure of its own (killed, then reported).
   int status = 0;
-  waitpid(pid, &status, 0);
+  for (int waited_ms = 0; waitpid(pid, &status, WNOHANG) == 0; ++waited_ms) {
+    if (waited_ms == 20000) ::kill(pid, SIGKILL);
+    usleep(1000);
+  }
   ++totals.runs;
 
   std::vector<std::string> problems;
@@ -293,12 +311,12 @@ int main(int argc, char** argv) {
   for (int i = 0; i < options.runs; ++i) run_once(options, work, i, totals);
   printf(
       "quarry-soak: seed %llu: %d runs, %d failed; %d files, %d with damaged records; %llu "
-      "records, %llu rejected, %llu mixed, %llu beyond those in flight; %llu words skipped "
-      "outside the seam\n",
+      "records, %llu rejected, %llu mixed; %llu damage sites, %llu beyond those in flight; %llu "
+      "words skipped outside the seam\n",
       static_cast<unsigned long long>(options.seed), totals.runs, totals.failed_runs, totals.files,
       totals.damaged_files, static_cast<unsigned long long>(totals.records),
       static_cast<unsigned long long>(totals.rejected),
-      static_cast<unsigned long long>(totals.mixed),
+      static_cast<unsigned long long>(totals.mixed), static_cast<unsigned long long>(totals.sites),
       static_cast<unsigned long long>(totals.beyond_in_flight),
       static_cast<unsigned long long>(totals.skipped_words));
   if (!options.keep && totals.failed_runs == 0) {
