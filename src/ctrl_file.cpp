@@ -133,7 +133,7 @@ int parse_ctrl_file(circular_buffer* cb, int allow_dump) {
   int fd = open_own_file_for_reading(cb->ctrl_file_name, &refused);
   if (fd < 0 && errno == EPERM && refused.st_mode != 0) {
     report_refused_file_once("quarry_enable_configuration(): ", cb->ctrl_file_name, refused,
-                             "is not a regular file of this user; not applied");
+                             "is not a regular file of this user or root; not applied");
   }
   FILE* file = fd >= 0 ? fdopen(fd, "r") : nullptr;
   if (file == nullptr) {

@@ -74,14 +74,19 @@ int set_circular_buffer_size(circular_buffer* cb, unsigned int size);
 // loads the ring word once per record already, so the record path pays nothing for this.
 //
 // Invariants (relied on by hold_ring and the dump):
-// - The word count is read (seq_cst) before the ring word is exchanged (seq_cst). A writer that
-//   loads the scratch ring (acquire, reading from the exchange) reserves its words after that
-//   exchange, hence after the count was read: no position below the held count is left unwritten
-//   by a writer that went to the scratch ring.
-// - A writer that loaded the real ring before the exchange is in flight: it finishes that one
-//   record in the real ring, below the held count (it may still be storing during the copy) or
-//   beyond it (over the oldest words, at the seam). Its next record loads the scratch ring. So at
-//   most one record per writer thread and buffer can be damaged in a crash dump.
+// - A writer reserves its words (fetch_add on word_count, acquire) and only then loads the ring
+//   word (acquire); the acquire on the reservation keeps the load after it. hold_ring reads the
+//   word count (seq_cst) and then exchanges the ring word (seq_cst), so for every writer:
+//   reserved before the read and the real ring loaded: its words lie below the held count
+//   (written, or being written during the copy: the record in flight);
+//   reserved before the read, the scratch ring loaded: its words below the held count stay
+//   stale (a hole where the record in flight belongs);
+//   reserved after the read, the real ring loaded: its words lie just past the held count, over
+//   the oldest words at the seam (the record in flight);
+//   reserved after the read, the scratch ring loaded: nothing of it reaches the real ring.
+//   The two middle cases need the writer between its reservation and its load at the moment of
+//   the hold; its next record loads the scratch ring. So a crash dump can show at most one
+//   damaged record per writer thread and buffer, and no record reserved after the hold.
 // - Nothing ever reads the scratch ring; its words are relaxed atomics, so concurrent writers of
 //   different buffers storing into it are no data race.
 // All of it is async-signal-safe: atomic loads, stores and exchanges only.

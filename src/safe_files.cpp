@@ -31,6 +31,13 @@ bool is_own_regular_file(const struct stat& st) {
   return S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_nlink == 1;
 }
 
+// Files the library only reads or writes into (the control file, the reader's pipe) may also
+// belong to root: an operator editing with sudo makes them so, and root could write anywhere
+// anyway, so trusting root adds nobody.
+bool owned_by_user_or_root(const struct stat& st) {
+  return st.st_uid == geteuid() || st.st_uid == 0;
+}
+
 }  // namespace
 
 bool private_file_mode() {
@@ -91,7 +98,7 @@ int open_own_file_for_reading(const char* path, struct stat* status) {
     return -1;
   }
   struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid()) {
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || !owned_by_user_or_root(st)) {
     if (status != nullptr) *status = st;
     close(fd);
     errno = EPERM;
@@ -128,7 +135,7 @@ int open_reader_pipe(const char* path) {
     close(fd);
     return -1;
   }
-  if (!S_ISFIFO(st.st_mode) || st.st_uid != geteuid()) {
+  if (!S_ISFIFO(st.st_mode) || !owned_by_user_or_root(st)) {
     close(fd);
     report_refused_file_once("QUARRY ERROR: ", path, st,
                              S_ISFIFO(st.st_mode) ? "is a named pipe of another user; not used"

@@ -22,15 +22,15 @@ mode_t trace_file_mode();
 // (close-on-exec) or -1 with errno set. Async-signal-safe.
 int open_for_writing(const char* path, mode_t mode, bool exact);
 
-// Opens path for reading when it is a regular file of the effective user. Returns the
+// Opens path for reading when it is a regular file of the effective user or root. Returns the
 // descriptor, or -1 with errno set (EPERM: the file exists but belongs to someone else or is not
 // a regular file; *status then describes it when not null).
 int open_own_file_for_reading(const char* path, struct stat* status);
 
 // Opens the named pipe a reader created, for writing without blocking. Only a FIFO of the
-// effective user is used; anything else (a symbolic link, a regular file, another user's pipe)
-// is closed again and reported once per planted file with a "QUARRY ERROR: " line. Returns the
-// descriptor or -1 (no reader, no file, or refused).
+// effective user (or root) is used; anything else (a symbolic link, a regular file, another user's
+// pipe) is closed again and reported once per planted file with a "QUARRY ERROR: " line. Returns
+// the descriptor or -1 (no reader, no file, or refused). A root-owned FIFO is accepted too.
 int open_reader_pipe(const char* path);
 
 // Reports a refused file once per file (device and inode): the same planted file is not

@@ -107,7 +107,7 @@ const Case kCases[] = {
        c.open(), quarry_enable_configuration2(c.handle);
        c.expect(load_ring(c.handle->cb).size_words == 1024, "not applied");
      },
-     "is not a regular file of this user; not applied"},
+     "is not a regular file of this user or root; not applied"},
     {"control file of another user",
      [](auto& proc, auto&) {
        mkdirs(proc + "buf"), write_file(proc + "buf/quarry.ctrl", kVictimText);
@@ -119,7 +119,7 @@ const Case kCases[] = {
                 "not applied");
        c.expect(read_file(c.buf() + "quarry.ctrl") == kVictimText, "not rewritten");
      },
-     "is not a regular file of this user; not applied"},
+     "is not a regular file of this user or root; not applied"},
     {"pipe is a link",
      [](auto& proc, auto& victim) {
        mkdirs(proc + "buf"), link_to(victim, proc + "buf/quarry.pipe");
