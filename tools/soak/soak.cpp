@@ -125,14 +125,24 @@ const char kText[] = "abcdefghijklmnopqrstuvwxyz0123456789ABCDEFGHIJKLMNOPQRSTUV
 // counts damage sites: runs of words between two decoded records (or after the last), each of
 // which one record in flight can explain. The decoder may reject a whole record next to such a
 // run (the word after a record must be a header word), so sites, not rejected records, are
-// what the writers in flight bound.
+// what the writers in flight bound. A record in flight that was overtaken by a whole pass of
+// the ring lands over newer records and leaves a run on each side of itself: two runs with a
+// single record between them count as one site.
 struct CheckingSink : quarry_decode::RecordSink {
   uint64_t mixed = 0;
   uint64_t sites = 0;
-  uint64_t end = 0;  // word offset after the last decoded record; 0 before the first
+  uint64_t end = 0;        // word offset after the last decoded record; 0 before the first
+  uint64_t since_gap = 0;  // records decoded since the last run of damaged words
+  bool had_gap = false;
+  void gap() {
+    if (!had_gap || since_gap != 1) ++sites;
+    had_gap = true;
+    since_gap = 0;
+  }
   void on_record(const quarry_decode::Record& r) override {
-    if (end != 0 && r.offset > end) ++sites;
+    if (end != 0 && r.offset > end) gap();
     end = r.offset + r.length;
+    ++since_gap;
     const quarry_decode::ArgValue* a = r.args;
     bool ok = true;
     switch (r.id) {
@@ -177,7 +187,7 @@ std::string check_file(const Options& options, const std::string& path, const st
   }
   CheckingSink sink;
   quarry_decode::decode_trace(data, sink);
-  if (sink.end != 0 && sink.end < data.words.size()) ++sink.sites;  // a hole at the newest end
+  if (sink.end != 0 && sink.end < data.words.size()) sink.gap();  // a hole at the newest end
   const auto& header = data.source->header;
   const auto& stats = data.source->stats;
   ++totals.files;
