@@ -87,6 +87,10 @@ struct circular_buffer {
   // Set before the buffer is published when its memory is a file mapping (QUARRY_PERSIST,
   // persistent_ring.h); null for process memory. The record path never looks at it.
   persistent_ring* persistent;
+  // While a fatal signal is handled: the ring word and word count that the crash dump writes,
+  // while `ring` points at the scratch ring (ring.h, hold_ring). 0 otherwise.
+  std::atomic<uint64_t> held_ring;
+  std::atomic<uint32_t> held_word_count;
 };
 
 // Wall-clock time (gettimeofday) and CLOCK_MONOTONIC time, read together.

@@ -1,7 +1,8 @@
 // The registry link of new buffers, and the crash and dump signal handlers installed with the
 // first buffer. Thread contract: registration runs under circular_buffer_list_mutex and
 // prepares everything the handlers need; the handlers take no lock, allocate nothing and call
-// only async-signal-safe functions (sigaction, raise, open, read, close and the dump path).
+// only async-signal-safe functions (sigaction, raise, open, read, close, atomic operations and
+// the dump path).
 #include "crash_signals.h"
 
 #include <errno.h>
@@ -10,6 +11,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "ring.h"
 #include "trace_file.h"
 
 siginfo_t crash_siginfo;
@@ -114,6 +116,15 @@ void chain_to_previous(int slot, int signo, siginfo_t* info, void* context) {
   }
 }
 
+// Walks the registry without a lock, as the dumps do: the head's acquire load pairs with the
+// release store in register_circular_buffer, so every buffer reached is complete.
+void for_each_buffer(void (*action)(circular_buffer*)) {
+  for (circular_buffer* cb = circular_buffer_list.load(std::memory_order_acquire); cb != nullptr;
+       cb = cb->next.load(std::memory_order_acquire)) {
+    action(cb);
+  }
+}
+
 }  // namespace
 
 int register_circular_buffer(circular_buffer* cb) {
@@ -150,7 +161,15 @@ extern "C" void quarry_abort_handler(int signo, siginfo_t* info, void* context) 
   if (read_sender_file(crash_sender_pid, "cmdline") <= 0)
     read_sender_file(crash_sender_pid, "comm");
 
+  // Other threads keep writing while the files are written: every buffer is held first (its
+  // new records go to the scratch ring, ring.h), so the files hold whole records except at
+  // most the one each writer had in flight. Released before chaining: a host handler that lets
+  // the process go on (or shuts down gracefully) traces into the real rings again.
+  for_each_buffer(hold_ring);
+  // No pause for writers in flight to finish: one preempted for longer than a pass over the
+  // ring would then store its record over newer ones; the crash soak showed more damage so.
   quarry_dump_all();
+  for_each_buffer(release_ring);
 
   // The previous handler and the interrupted code see the errno of the moment of the signal,
   // not what the dump left behind.

@@ -6,15 +6,18 @@
 
 #include <ctype.h>
 #include <dirent.h>
+#include <errno.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "fork_handlers.h"
 #include "ring.h"
+#include "safe_files.h"
 #include "trace_file.h"
 
 namespace {
@@ -57,8 +60,15 @@ void apply_switch(circular_buffer* cb, const char* name, bool pipe_switch, uint8
 }  // namespace
 
 int write_ctrl_file(circular_buffer* cb) {
-  FILE* file = fopen(cb->ctrl_file_name, "we");
-  if (file == nullptr) return 1;
+  // Created by the umask as before (0600 in private mode); never written through a link or
+  // into a file another user planted (safe_files.h).
+  bool exact = private_file_mode();
+  int fd = open_for_writing(cb->ctrl_file_name, exact ? 0600 : 0666, exact);
+  FILE* file = fd >= 0 ? fdopen(fd, "w") : nullptr;
+  if (file == nullptr) {
+    if (fd >= 0) close(fd);
+    return 1;
+  }
   // The lock is taken before the first line (rather than after the third) so that the size
   // and loop count are read under it too; on a failed lock the file still gets the three
   // settings lines, read without it.
@@ -116,8 +126,21 @@ int next_ctrl_token(char* line, int* position, char* saved) {
 }
 
 int parse_ctrl_file(circular_buffer* cb, int allow_dump) {
-  FILE* file = fopen(cb->ctrl_file_name, "re");
-  if (file == nullptr) return 1;
+  // Only a regular file of this process's user is applied: in the shared directory anybody may
+  // plant a control file (a huge MAX_SIZE, a PIPE line) before the host enables live
+  // configuration. A refused file is reported once and treated like a missing one.
+  struct stat refused;
+  refused.st_mode = 0;
+  int fd = open_own_file_for_reading(cb->ctrl_file_name, &refused);
+  if (fd < 0 && errno == EPERM && refused.st_mode != 0) {
+    report_refused_file_once("quarry_enable_configuration(): ", cb->ctrl_file_name, refused,
+                             "is not a regular file of this user or root; not applied");
+  }
+  FILE* file = fd >= 0 ? fdopen(fd, "r") : nullptr;
+  if (file == nullptr) {
+    if (fd >= 0) close(fd);
+    return 1;
+  }
   if (pthread_mutex_lock(&cb->mutex) != 0) {
     fclose(file);
     return -1;

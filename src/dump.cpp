@@ -1,6 +1,6 @@
 // Dumping buffers to trace files: one buffer (dump_circular_buffer, quarry_dump), all buffers
 // (quarry_dump_all, also run by the signal handlers) and the exit dump. Thread contract: no
-// lock, no allocation, no stdio; only open, write, close, umask, mkdir and the clocks, so every
+// lock, no allocation, no stdio; only open, fstat, fchmod, write, close and the clocks, so every
 // function here may run inside a signal handler and while other threads hold any quarry lock.
 #include <errno.h>
 #include <fcntl.h>
@@ -9,6 +9,7 @@
 
 #include "fork_handlers.h"
 #include "ring.h"
+#include "safe_files.h"
 #include "trace_file.h"
 
 namespace {
@@ -46,13 +47,12 @@ int dump_circular_buffer(circular_buffer* cb) {
   // A forked child's directories appear with its first file there.
   ensure_inherited_buffer_directory(cb, path);
 
-  // Trace files are meant for whoever collects them, whatever the host's umask. The umask is
-  // process-wide: a file another thread creates in this short window gets umask 0.
-  // O_CLOEXEC keeps the descriptor out of children a host forks and execs meanwhile.
-  mode_t previous_umask = umask(0);
-  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Trace files are meant for whoever collects them, whatever the host's umask: mode 0666
+  // (0600 in private mode), set exactly on the new file. No link is followed and no file
+  // planted by another user is truncated (safe_files.h). O_CLOEXEC keeps the descriptor out of
+  // children a host forks and execs meanwhile.
+  int fd = open_for_writing(path, trace_file_mode(), true);
   int open_error = errno;
-  umask(previous_umask);
   if (fd < 0) {
     report_dump_failure(kOpenFailed, path, open_error);
     return 1;
@@ -61,7 +61,8 @@ int dump_circular_buffer(circular_buffer* cb) {
   // One load of the ring gives memory and size together: the header announces the size of
   // exactly the array written below. A growth during the dump leaves this (never freed)
   // array consistent with its announced size; records stored after the growth miss the file.
-  const ring_view ring = load_ring(cb);
+  // While a crash handler holds the buffer, the held ring and count (ring.h).
+  const ring_view ring = dump_ring(cb);
   int result = write_trace_header_sized(cb, ring.size_words, fd, path);
   if (result != 0) {
     close(fd);
@@ -69,7 +70,7 @@ int dump_circular_buffer(circular_buffer* cb) {
   }
 
   // Read after the header, so the data may cover more words than WORD_COUNT announced.
-  const uint32_t word_count = cb->word_count.load(std::memory_order_relaxed);
+  const uint32_t word_count = dump_word_count(cb);
   const uint32_t words = word_count < ring.size_words ? word_count : ring.size_words;
   if (write_ring_words(fd, ring.buffer, words) != 0) {
     report_dump_failure(kDataFailed, path, -1);

@@ -40,6 +40,19 @@ int persist_value(const char* value) {
   return strcmp(value, "1") == 0 ? 1 : 0;
 }
 
+// QUARRY_FILE_MODE: "private" or "shared"; any other value keeps the current mode and is
+// reported, since a mistyped "private" must not silently leave the files shared.
+void apply_file_mode(quarry_env* env, const char* value, const char* where) {
+  if (strcmp(value, "private") == 0) {
+    env->private_files = 1;
+  } else if (strcmp(value, "shared") == 0) {
+    env->private_files = 0;
+  } else {
+    fprintf(stderr, "QUARRY ERROR: QUARRY_FILE_MODE %s in %s is neither private nor shared\n",
+            value, where);
+  }
+}
+
 // Applies the environment on top of whatever the record holds. An empty variable counts as not
 // set: an empty trace base directory would put every file relative to the host's working
 // directory, which nobody means by exporting QUARRY_PATH="".
@@ -50,6 +63,8 @@ void apply_environment(quarry_env* env) {
   if (value != nullptr && value[0] != '\0') replace_path(&env->quarry_path, value);
   value = getenv("QUARRY_DEC_PATH");
   if (value != nullptr && value[0] != '\0') replace_path(&env->quarry_dec_path, value);
+  value = getenv("QUARRY_FILE_MODE");
+  if (value != nullptr && value[0] != '\0') apply_file_mode(env, value, "the environment");
 }
 
 quarry_env* new_env_with_defaults() {
@@ -106,6 +121,7 @@ bool read_setup_file(FILE* file, const char* path, quarry_env* env) {
     if (strcmp(name, "QUARRY_PATH") == 0) replace_path(&env->quarry_path, value);
     if (strcmp(name, "QUARRY_DEC_PATH") == 0) replace_path(&env->quarry_dec_path, value);
     if (strcmp(name, "QUARRY_PERSIST") == 0) env->persist = persist_value(value);
+    if (strcmp(name, "QUARRY_FILE_MODE") == 0) apply_file_mode(env, value, path);
   }
   return true;
 }

@@ -11,6 +11,8 @@ struct quarry_env {
   // QUARRY_PERSIST: 1 keeps buffers in file mappings that outlive the process (see
   // persistent_ring.h); 0 (the default) keeps them in process memory.
   int persist;
+  // QUARRY_FILE_MODE: 0 shared (the default), 1 private (directories 0700, files 0600).
+  int private_files;
 };
 
 // Heap copy of path that ends in '/'; null when memory runs out.

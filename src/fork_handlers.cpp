@@ -16,6 +16,7 @@
 
 #include "env.h"
 #include "persistent_ring.h"
+#include "safe_files.h"
 #include "trace_file.h"
 
 int32_t parent_process_id;
@@ -64,14 +65,14 @@ size_t compose_own_path(const char* creator_path, char* area, size_t capacity) {
   return own_process_dir_length + length_of(tail);
 }
 
-// Directories are made the way make_directory_tree makes them: mode 0777 under a cleared
-// umask. True when the directory exists afterwards.
-bool make_directory(const char* path) {
-  mode_t previous = umask(0);
-  int result = mkdir(path, 0777);
-  int error = errno;
-  umask(previous);
-  return result == 0 || error == EEXIST;
+// Directories are made the way the open makes them (safe_files.h: the library's mode, set
+// exactly, no umask change). True when a directory of ours (or root's) is there afterwards,
+// never a link another user planted.
+bool make_own_directory(const char* path) {
+  make_directory(path);
+  struct stat st;
+  if (fstatat(AT_FDCWD, path, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  return S_ISDIR(st.st_mode) && (st.st_uid == geteuid() || st.st_uid == 0);
 }
 
 // The two lines of the initialisation's info file, for this process, with write(2).
@@ -81,8 +82,10 @@ bool write_own_info_file() {
   path_text.append(own_process_dir);
   path_text.append("/quarry.info");
   if (own_process_dir_length + 12 >= sizeof path) return false;
-  // Created with the process's own umask, like the initialisation's fopen "w".
-  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Made as the initialisation makes it: by the umask (0600 in private mode), never through a
+  // link or into somebody else's file (safe_files.h).
+  const bool exact = private_file_mode();
+  int fd = open_for_writing(path, exact ? 0600 : 0666, exact);
   if (fd < 0) return false;
   char area[64];
   sigsafe_text info(area, sizeof area);
@@ -229,7 +232,7 @@ void ensure_own_process_directory() {
   if (own_directory_pending.load(std::memory_order_acquire) == 0) return;
   if (own_process_dir_length >= sizeof own_process_dir) return;
   // Two threads may both get here; each makes the same directory and writes the same lines.
-  if (make_directory(own_process_dir) && write_own_info_file()) {
+  if (make_own_directory(own_process_dir) && write_own_info_file()) {
     own_directory_pending.store(0, std::memory_order_release);
   }
 }
@@ -245,7 +248,7 @@ void ensure_inherited_buffer_directory(circular_buffer* cb, const char* file_pat
   text.append(file_path, static_cast<uint32_t>(end));
   // Failing here leaves the state as it was: the file's open then reports the missing
   // directory, and the next file tries again.
-  if (make_directory(dir)) cb->inherited.store(kInheritedWithDirectory, std::memory_order_release);
+  if (make_own_directory(dir)) cb->inherited.store(kInheritedWithDirectory, std::memory_order_release);
 }
 
 int adopt_inherited_ctrl_file(circular_buffer* cb) {

@@ -22,6 +22,7 @@
 #include "persistent_ring.h"
 #include "process_init.h"
 #include "ring.h"
+#include "safe_files.h"
 #include "trace_file.h"
 
 namespace {
@@ -277,19 +278,17 @@ int ensure_directory(const char* path) {
   size_t length = strlen(path);
   while (length > 1 && path[length - 1] == '/') --length;
   char* bare = strndup(path, length);
+  if (bare == nullptr) return 1;
   struct stat st;
-  int status = stat(bare != nullptr ? bare : path, &st);
+  // Failures to create show later, when the buffer's files cannot be created.
+  if (lstat(bare, &st) != 0) make_directory_tree(path);
+  // The trace base directory is shared by all users, so the buffer directory and the process
+  // directory above it may have been made by somebody else: both must be real directories
+  // (not links) of this user or root. The base directory itself may be anybody's.
+  int result = check_owned_directory(bare, path);
+  if (result == 0) result = check_owned_directory(dirname(bare));
   free(bare);
-  if (status != 0) {
-    // Failures to create show later, when the buffer's files cannot be created.
-    make_directory_tree(path);
-    return 0;
-  }
-  if (!S_ISDIR(st.st_mode)) {
-    fprintf(stderr, "QUARRY ERROR: %s exists but it's not a directory\n", path);
-    return 1;
-  }
-  return 0;
+  return result;
 }
 
 void make_directory_tree(const char* path) {
@@ -298,12 +297,9 @@ void make_directory_tree(const char* path) {
     const char* parent = dirname(copy);  // drops a trailing '/' as well
     if (strlen(parent) > 1) make_directory_tree(parent);
   }
-  // Directories are shared by every process of the host's users: created with mode 0777 under
-  // a cleared umask. The umask is process-wide, so files that other threads create meanwhile
-  // are affected too; the window is one mkdir long.
-  mode_t previous = umask(0);
-  mkdir(path, 0777);  // "exists" and every other error are left to the file creation
-  umask(previous);
+  // Directories are shared by every process of the host's users: mode 0777 (0700 in private
+  // mode), set exactly without clearing the umask (safe_files.cpp).
+  make_directory(path);
   free(copy);
 }
 

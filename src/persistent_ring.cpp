@@ -18,6 +18,7 @@
 
 #include "env.h"
 #include "ring.h"
+#include "safe_files.h"
 #include "trace_file.h"
 
 namespace {
@@ -221,7 +222,9 @@ bool move_aside(const char* run_path) {
 void* map_words_file(const char* run_dir, uint32_t generation, uint32_t bytes) {
   char path[PATH_MAX];
   if (!format_path(path, "%swords.%u", run_dir, generation)) return nullptr;
-  int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666);
+  // The run directory is new and ours; the process's umask applies, narrowed further in
+  // private mode (safe_files.h).
+  int fd = open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, trace_file_mode());
   if (fd < 0) return nullptr;
   int error = posix_fallocate(fd, 0, bytes);
   void* memory = MAP_FAILED;
@@ -280,7 +283,8 @@ int write_header_locked(circular_buffer* cb) {
       !format_path(final_path, "%sheader", pr->run_dir)) {
     return ENAMETOOLONG;
   }
-  int fd = open(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666);
+  int fd = open(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                trace_file_mode());
   if (fd < 0) return errno;
   size_t offset = 0;
   while (offset < text.length) {
@@ -357,7 +361,7 @@ void persistent_ring_attach(circular_buffer* cb) {
     failed_step = "move aside an earlier run";
   } else {
     prune_previous_runs(buffer_dir);
-    if (mkdir(run_dir, 0777) != 0) failed_step = "create";
+    if (mkdir(run_dir, directory_mode()) != 0) failed_step = "create";
   }
   if (failed_step == nullptr) {
     strcat(run_dir, "/");

@@ -19,6 +19,7 @@
 
 #include "live_config.h"
 #include "ring.h"
+#include "safe_files.h"
 #include "trace_file.h"
 
 namespace {
@@ -78,9 +79,8 @@ class sigpipe_guard {
 bool open_pipe(circular_buffer* cb, sigpipe_guard& guard) {
   char path[PATH_MAX];
   if (!build_pipe_path(cb, path)) return false;
-  // Without O_CREAT: the reader creates the pipe. Non-blocking, so a pipe without a reader
-  // refuses the open (ENXIO) instead of stalling the writer.
-  int fd = open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  // Only a named pipe of this user, never through a link (safe_files.h).
+  int fd = open_reader_pipe(path);
   if (fd < 0) return false;
   if (write_trace_header(cb, fd, path) != 0) {
     guard.consume_own_signal();  // the reader may have gone between the open and the header
@@ -128,7 +128,8 @@ void pipe_record(circular_buffer* cb, uint32_t p, uint32_t n) {
   // just before a growth is read at the same positions in the grown ring, which holds a copy
   // of the words; p and n are bounded by the current size so the read never leaves the ring.
   ring_view ring = load_ring(cb);
-  if (ring.size_words == 0) {
+  // A buffer held for a crash dump writes into the scratch ring, whose words are anybody's.
+  if (ring.size_words == 0 || is_scratch_ring(ring)) {
     QUARRY_UNLOCK_CB(cb);
     return;
   }

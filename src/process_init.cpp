@@ -13,6 +13,7 @@
 #include "env.h"
 #include "fork_handlers.h"
 #include "identity.h"
+#include "safe_files.h"
 #include "trace_file.h"
 
 namespace {
@@ -56,9 +57,16 @@ int write_info_file() {
   const char* base = quarry_env_get_quarry_path(process_env);
   char* path = nullptr;
   if (asprintf(&path, "%s%s/%s", base, process_name, "quarry.info") < 0) return -3;
-  FILE* file = fopen(path, "we");
+  // By the umask as before (0600 in private mode); never through a link or into somebody
+  // else's file (safe_files.h).
+  bool exact = private_file_mode();
+  int fd = open_for_writing(path, exact ? 0600 : 0666, exact);
   free(path);
-  if (file == nullptr) return -3;
+  FILE* file = fd >= 0 ? fdopen(fd, "w") : nullptr;
+  if (file == nullptr) {
+    if (fd >= 0) close(fd);
+    return -3;
+  }
   fprintf(file, "%s %d\n", "PROCESS_PID", process_id);
   fprintf(file, "%s %d\n", "DUMP_SIGNAL", dump_signal);
   fclose(file);

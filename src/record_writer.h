@@ -92,15 +92,16 @@ __attribute__((always_inline)) inline void write_record(quarry_handle* handle, u
                                                         va_list args, Clock&& clock,
                                                         ThreadWord&& thread_word) {
   circular_buffer* cb = handle->cb;
-  // One load gives memory and size together; a concurrent growth publishes a new pair and
-  // keeps this one valid (ring.h).
-  const ring_view ring = load_ring(cb);
   uint32_t length = fixed_words;
   uint32_t string_bytes[kMaxSignatureChars];
 
   if (flags & QUARRY_FLAG_HAS_STRINGS) {
     // First walk: measure the strings, so the reservation covers them. The counts measured here
-    // are the ones copied later, even if another thread changes a string in between.
+    // are the ones copied later, even if another thread changes a string in between. They are
+    // cut to fit the ring loaded here; the record is written into the one loaded after the
+    // reservation, whose size may differ (growth, or the scratch ring of a crash dump), which
+    // is safe because every store wraps its position.
+    const ring_view sizing = load_ring(cb);
     for (uint32_t i = 0; i < kMaxSignatureChars && signature[i] != '\0'; ++i) {
       switch (signature[i]) {
         case 'd':
@@ -112,8 +113,8 @@ __attribute__((always_inline)) inline void write_record(quarry_handle* handle, u
         case 's': {
           const char* text = va_arg(measure, const char*);
           if (text == nullptr) text = "(null)";
-          uint32_t bytes = static_cast<uint32_t>(strnlen(text, 4ull * ring.size_words)) + 1;
-          uint32_t room_words = ring.size_words > length ? ring.size_words - length : 0;
+          uint32_t bytes = static_cast<uint32_t>(strnlen(text, 4ull * sizing.size_words)) + 1;
+          uint32_t room_words = sizing.size_words > length ? sizing.size_words - length : 0;
           if ((bytes + 3) / 4 > room_words) bytes = room_words * 4;  // cut to fit the ring
           string_bytes[i] = bytes;
           length += (bytes + 3) / 4;
@@ -125,9 +126,16 @@ __attribute__((always_inline)) inline void write_record(quarry_handle* handle, u
     }
   }
 
-  // The only point of agreement between writers: disjoint ranges of positions. Relaxed: the
-  // read-modify-write alone guarantees that no two records share a position.
-  const uint32_t reserved = cb->word_count.fetch_add(length, std::memory_order_relaxed);
+  // The only point of agreement between writers: disjoint ranges of positions; the
+  // read-modify-write alone guarantees that no two records share a position. Acquire (the same
+  // locked instruction as relaxed on x86-64) keeps the ring load below after the reservation.
+  const uint32_t reserved = cb->word_count.fetch_add(length, std::memory_order_acquire);
+  // The ring is loaded once per record, after the reservation: memory and size together, which
+  // a concurrent growth keeps valid (ring.h). After, not before: a crash dump holds the ring
+  // (hold_ring) at a word count read before it swaps in the scratch ring, so a writer reserving
+  // after that read either still sees the real ring (and lands at the seam) or the scratch one,
+  // and never reserves first and then writes at a position far past the held count.
+  const ring_view ring = load_ring(cb);
   const uint32_t mask = ring.size_words - 1;
   const uint32_t first = reserved & mask;
 

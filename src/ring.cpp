@@ -23,10 +23,66 @@ static uint32_t log2_of_pow2(uint32_t x) {
   return static_cast<uint32_t>(__builtin_ctz(x));
 }
 
+namespace {
+
+// The scratch ring of held buffers: the smallest ring size, in static memory so that holding
+// allocates nothing. Shared by every buffer; written, never read.
+constexpr uint32_t kScratchWords = kMinBufferBytes / 4;
+alignas(kRingAlignment) ring_cell scratch_ring[kScratchWords];
+
+uint64_t scratch_ring_word() {
+  return reinterpret_cast<uint64_t>(&scratch_ring[0]) |
+         static_cast<uint64_t>(__builtin_ctz(kScratchWords));
+}
+
+}  // namespace
+
+bool is_scratch_ring(const ring_view& ring) {
+  return ring.buffer == &scratch_ring[0];
+}
+
+void hold_ring(circular_buffer* cb) {
+  const uint64_t scratch = scratch_ring_word();
+  if (cb->held_ring.load(std::memory_order_acquire) != 0) return;  // held by another handler
+  uint64_t live = cb->ring.load(std::memory_order_acquire);
+  if (live == 0 || live == scratch) return;
+  // The count first, then the exchange: see the invariants in ring.h.
+  const uint32_t count = cb->word_count.load(std::memory_order_seq_cst);
+  uint64_t previous = cb->ring.exchange(scratch, std::memory_order_seq_cst);
+  if (previous == scratch) return;
+  cb->held_word_count.store(count, std::memory_order_relaxed);
+  cb->held_ring.store(previous, std::memory_order_release);
+}
+
+void release_ring(circular_buffer* cb) {
+  const uint64_t held = cb->held_ring.load(std::memory_order_acquire);
+  if (held == 0) return;
+  uint64_t expected = scratch_ring_word();
+  // A growth that ran during the hold published a new ring over the scratch ring; that one
+  // stays (the growth kept no record of the real words, as it copied the scratch ring).
+  if (cb->ring.compare_exchange_strong(expected, held, std::memory_order_seq_cst)) {
+    // Positions reserved while held hold words of an earlier pass over the ring: cleared, so
+    // that later dumps show a gap there rather than stale records. Bounded by the ring size.
+    const ring_view ring = unpack_ring(held);
+    const uint32_t from = cb->held_word_count.load(std::memory_order_relaxed);
+    const uint32_t to = cb->word_count.load(std::memory_order_relaxed);
+    uint32_t words = to - from < ring.size_words ? to - from : ring.size_words;
+    for (uint32_t i = 0; i < words; ++i) {
+      ring.buffer[(from + i) & (ring.size_words - 1)].store(0, std::memory_order_relaxed);
+    }
+  }
+  cb->held_ring.store(0, std::memory_order_release);
+}
+
 int set_circular_buffer_size(circular_buffer* cb, unsigned int size) {
   if (pthread_mutex_lock(&cb->mutex) != 0) return -1;
   uint32_t target = size <= kMinBufferBytes - 1 ? kMinBufferBytes : next_pow2(size);
   ring_view current = load_ring(cb);
+  if (is_scratch_ring(current)) {
+    // Held for a crash dump: growing now would copy the scratch ring and lose the real one.
+    QUARRY_UNLOCK_CB(cb);
+    return 0;
+  }
   uint64_t current_bytes = static_cast<uint64_t>(current.size_words) * 4;
   // Requests above 2^31 bytes yield a target of 1 byte, which is below any current size.
   if (target <= current_bytes || target < kMinBufferBytes) {

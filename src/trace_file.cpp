@@ -281,7 +281,7 @@ int write_trace_header_sized(circular_buffer* cb, uint32_t size_words, int fd, c
       {"WRAPAROUND_COUNT ", cb->wraparound_count.load(std::memory_order_relaxed)},
       {"ENTRY_COUNT ", cb->entry_count.load(std::memory_order_relaxed)},
       {"BUFFER_SIZE ", size_words},
-      {"WORD_COUNT ", cb->word_count.load(std::memory_order_relaxed)},
+      {"WORD_COUNT ", dump_word_count(cb)},
       {"MIN_WRAPAROUND_TIME ", cb->min_wraparound_time.load(std::memory_order_relaxed)},
       {"MAX_WRAPAROUND_TIME ", cb->max_wraparound_time.load(std::memory_order_relaxed)},
   };

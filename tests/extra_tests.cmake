@@ -58,3 +58,12 @@ foreach(adapter uv event sdevent glib)
       ENVIRONMENT "QUARRY_PATH=${QUARRY_TEST_PATH_ROOT}/event_loop_${adapter}_test/")
   endif()
 endforeach()
+
+# A bounded crash soak: 60 seeded runs (each signal ten times) of a host killed while its
+# writers run; every trace file must decode with no damaged record beyond those in flight.
+# The soak keeps its runs below its own temporary directory. A long run: see docs/security.md.
+# Not under sanitizers: they take over the fault signals and exit instead of dying by them.
+if(TARGET quarry-soak AND NOT QUARRY_SANITIZE)
+  add_test(NAME crash_soak COMMAND quarry-soak --runs 60 --seed 1)
+  set_tests_properties(crash_soak PROPERTIES TIMEOUT 600)
+endif()
