@@ -34,3 +34,47 @@ if(TARGET decode_typed_test)
   target_compile_definitions(decode_typed_test PRIVATE
     QUARRY_TEST_DECODE_DIR="${CMAKE_CURRENT_BINARY_DIR}/typed/")
 endif()
+
+# Wrong typed calls do not compile: one ctest case per (source, case, expected diagnostic).
+set(QUARRY_COMPILE_FAIL_CASES
+  "typed_compile_fail.cpp|OK|"
+  "typed_compile_fail.cpp|TRUNCATED|would be truncated"
+  "typed_compile_fail.cpp|FLOAT|floating-point values are not recorded"
+  "typed_compile_fail.cpp|NUMBER_FOR_STRING|declared as a string"
+  "typed_compile_fail.cpp|STRING_FOR_NUMBER|a string or pointer was passed"
+  "typed_compile_fail.cpp|STRUCT|pass an integer or an enum"
+  "typed_compile_fail.cpp|TOO_FEW|wrong number of arguments"
+  "typed_compile_fail.cpp|TOO_MANY|wrong number of arguments"
+  "typed_compile_fail.cpp|BAD_DECLARATION|cannot be recorded"
+  "typed_compile_fail.cpp|DUPLICATE_INDEX|duplicate case value"
+  "record_c11_compile_fail.c|OK|"
+  "record_c11_compile_fail.c|FLOAT|_Generic|generic association"
+  "record_c11_compile_fail.c|STRUCT|_Generic|generic association"
+  "record_c11_compile_fail.c|POINTER|_Generic|generic association"
+  "record_c11_compile_fail.c|NINE_ARGUMENTS|QUARRY_RECORD_")
+foreach(entry ${QUARRY_COMPILE_FAIL_CASES})
+  string(REPLACE "|" ";" fields "${entry}")
+  list(POP_FRONT fields source case)
+  list(JOIN fields "|" expect)
+  if(source MATCHES "\\.c$")
+    set(compiler ${CMAKE_C_COMPILER})
+    set(std -std=c11)
+  else()
+    set(compiler ${CMAKE_CXX_COMPILER})
+    set(std -std=c++17)
+  endif()
+  add_test(NAME compile_fail.${source}.${case}
+    COMMAND ${CMAKE_COMMAND} -DCOMPILER=${compiler} -DSTD=${std}
+            -DSOURCE=${CMAKE_CURRENT_SOURCE_DIR}/${source} -DCASE=${case} "-DEXPECT=${expect}"
+            "-DINCLUDES=${PROJECT_SOURCE_DIR}/include;${CMAKE_CURRENT_SOURCE_DIR}"
+            -P ${CMAKE_CURRENT_SOURCE_DIR}/compile_fail.cmake)
+endforeach()
+
+# QUARRY_RECORD compiled as strict C11, compared with QUARRY_TRACE by record_entries_test.
+if(TARGET record_entries_test)
+  add_library(record_c11 OBJECT record_c11.c)
+  target_include_directories(record_c11 PRIVATE ${PROJECT_SOURCE_DIR}/include)
+  set_target_properties(record_c11 PROPERTIES C_STANDARD 11 C_EXTENSIONS OFF)
+  target_compile_options(record_c11 PRIVATE -Wpedantic)
+  target_sources(record_entries_test PRIVATE $<TARGET_OBJECTS:record_c11>)
+endif()

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <functional>
 #include <random>
 #include <string>
 #include <thread>
@@ -105,6 +106,33 @@ TEST(RecordEntries, SameWordsAsQuarryInternal) {
   }
   EXPECT_EQ(variadic->cb->wraparound_count.load(), fast->cb->wraparound_count.load());
   EXPECT_EQ(variadic->cb->entry_count.load(), fast->cb->entry_count.load());
+}
+
+extern "C" void record_c11_case(quarry_handle* h, int which);
+
+TEST(RecordEntries, C11RecordsAsQuarryTrace) {
+  quarry_handle* variadic = open_handle("variadic");
+  quarry_handle* c11 = open_handle("c11");
+  const std::function<void()> traces[] = {
+      [&] { QUARRY_TRACE(variadic, 0, ""); },
+      [&] { QUARRY_TRACE(variadic, 1, "dddd", -1, 65535, -5, 0xFF000000u); },
+      [&] { QUARRY_TRACE(variadic, 2, "DDd", -1ll, 0x1FFFFFFFFull, 1); },
+      [&] { QUARRY_TRACE(variadic, 3, "sdss", "c11", 7, "mutable", nullptr); },
+      [&] { QUARRY_TRACE(variadic, 4, "dddddddD", 1, 2, 3, 4, 5, 6, 7, 8ull); },
+  };
+  for (int which = 0; which < 5; ++which) {
+    const uint32_t start = variadic->cb->word_count;
+    ASSERT_EQ(start, c11->cb->word_count.load());
+    traces[which]();
+    record_c11_case(c11, which);
+    const uint32_t length = variadic->cb->word_count - start;
+    ASSERT_EQ(length, c11->cb->word_count - start) << which;
+    std::vector<uint32_t> expected = record_at(variadic, start, length);
+    std::vector<uint32_t> actual = record_at(c11, start, length);
+    mask_timestamp(expected, which == 4);
+    mask_timestamp(actual, which == 4);
+    EXPECT_EQ(expected, actual) << which;
+  }
 }
 
 TEST(RecordEntries, ThreadWordIsPthreadSelfOnEveryThread) {

@@ -347,58 +347,87 @@ static inline quarry_arg_ quarry_arg_s_(const char* text) {
 #endif
 
 /* No default association: any other type stops the compilation here. */
-#define QUARRY_ARG_(x)                                                                  \
-  _Generic((x),                                                                         \
-      _Bool: quarry_arg_d_, char: quarry_arg_d_, signed char: quarry_arg_d_,            \
-      unsigned char: quarry_arg_d_, short: quarry_arg_d_, unsigned short: quarry_arg_d_, \
+/* clang-format off */
+#define QUARRY_ARG_(x)                                                                    \
+  _Generic((x),                                                                           \
+      _Bool: quarry_arg_d_, char: quarry_arg_d_, signed char: quarry_arg_d_,              \
+      unsigned char: quarry_arg_d_, short: quarry_arg_d_, unsigned short: quarry_arg_d_,  \
       int: quarry_arg_d_, unsigned int: quarry_arg_d_, long: QUARRY_LONG_ARG_,            \
       unsigned long: QUARRY_LONG_ARG_, long long: quarry_arg_D_,                          \
       unsigned long long: quarry_arg_D_, char*: quarry_arg_s_, const char*: quarry_arg_s_)(x)
+/* clang-format on */
 
-/* Lays the arguments out as numeric words and strings and calls the matching entry. Inlined
- * with constant codes, the loop and the choice of entry fold away. */
-static inline void quarry_record_args_(quarry_handle* handle, uint32_t trace_point,
-                                       const quarry_arg_* args, unsigned count) {
+/* Lays the arguments out as numeric words and strings and calls the matching entry. Written
+ * without a loop: inlined with a constant count and constant codes, it folds to the stores and
+ * the one call of the record's shape, with any compiler that inlines. */
+#define QUARRY_LAYOUT_(i)                                                    \
+  if ((i) < count) {                                                         \
+    if (args[i].code == 's') {                                               \
+      strings[s].text = args[i].text;                                        \
+      strings[s].length = args[i].text ? (uint32_t)strlen(args[i].text) : 0; \
+      strings[s].words_before = n;                                           \
+      ++s;                                                                   \
+    } else {                                                                 \
+      if (args[i].code == 'D') words[n++] = (uint32_t)(args[i].value >> 32); \
+      words[n++] = (uint32_t)args[i].value;                                  \
+    }                                                                        \
+  }
+#if defined(__GNUC__)
+__attribute__((always_inline))
+#endif
+static inline void
+quarry_record_args_(quarry_handle* handle, uint32_t trace_point, const quarry_arg_* args,
+                    unsigned count) {
   uint32_t words[16];
   quarry_string strings[8];
-  unsigned n = 0, s = 0, i;
-  for (i = 0; i < count; ++i) {
-    if (args[i].code == 's') {
-      strings[s].text = args[i].text;
-      strings[s].length = args[i].text ? (uint32_t)strlen(args[i].text) : 0;
-      strings[s].words_before = n;
-      ++s;
-    } else {
-      if (args[i].code == 'D') words[n++] = (uint32_t)(args[i].value >> 32);
-      words[n++] = (uint32_t)args[i].value;
-    }
-  }
+  unsigned n = 0, s = 0;
+  QUARRY_LAYOUT_(0)
+  QUARRY_LAYOUT_(1)
+  QUARRY_LAYOUT_(2)
+  QUARRY_LAYOUT_(3)
+  QUARRY_LAYOUT_(4)
+  QUARRY_LAYOUT_(5)
+  QUARRY_LAYOUT_(6)
+  QUARRY_LAYOUT_(7)
   if (s != 0) {
     quarry_record_strings(handle, trace_point, words, n, strings, s);
     return;
   }
   switch (n) {
-    case 0: quarry_record0(handle, trace_point); break;
-    case 1: quarry_record1(handle, trace_point, words[0]); break;
-    case 2: quarry_record2(handle, trace_point, words[0], words[1]); break;
-    case 3: quarry_record3(handle, trace_point, words[0], words[1], words[2]); break;
-    case 4: quarry_record4(handle, trace_point, words[0], words[1], words[2], words[3]); break;
-    default: quarry_record_words(handle, trace_point, words, n); break;
+    case 0:
+      quarry_record0(handle, trace_point);
+      break;
+    case 1:
+      quarry_record1(handle, trace_point, words[0]);
+      break;
+    case 2:
+      quarry_record2(handle, trace_point, words[0], words[1]);
+      break;
+    case 3:
+      quarry_record3(handle, trace_point, words[0], words[1], words[2]);
+      break;
+    case 4:
+      quarry_record4(handle, trace_point, words[0], words[1], words[2], words[3]);
+      break;
+    default:
+      quarry_record_words(handle, trace_point, words, n);
+      break;
   }
 }
+#undef QUARRY_LAYOUT_
 
 #define QUARRY_RECORD(...) QUARRY_CAT_(QUARRY_RECORD_, QUARRY_COUNT_(__VA_ARGS__))(__VA_ARGS__)
-#define QUARRY_RECORD_WITH_(h, tp, n, ...)                              \
-  do {                                                                  \
-    quarry_handle* const quarry_h_ = (h);                               \
-    if (quarry_handle_enabled(quarry_h_)) {                             \
-      const quarry_arg_ quarry_a_[n] = {__VA_ARGS__};                   \
-      quarry_record_args_(quarry_h_, (uint32_t)(tp), quarry_a_, n);     \
-    }                                                                   \
+#define QUARRY_RECORD_WITH_(h, tp, n, ...)                          \
+  do {                                                              \
+    quarry_handle* const quarry_h_ = (h);                           \
+    if (quarry_handle_enabled(quarry_h_)) {                         \
+      const quarry_arg_ quarry_a_[n] = {__VA_ARGS__};               \
+      quarry_record_args_(quarry_h_, (uint32_t)(tp), quarry_a_, n); \
+    }                                                               \
   } while (0)
-#define QUARRY_RECORD_2(h, tp)                                           \
-  do {                                                                   \
-    quarry_handle* const quarry_h_ = (h);                                \
+#define QUARRY_RECORD_2(h, tp)                                             \
+  do {                                                                     \
+    quarry_handle* const quarry_h_ = (h);                                  \
     if (quarry_handle_enabled(quarry_h_)) quarry_record0(quarry_h_, (tp)); \
   } while (0)
 #define QUARRY_RECORD_3(h, tp, a) QUARRY_RECORD_WITH_(h, tp, 1, QUARRY_ARG_(a))
