@@ -268,16 +268,25 @@ constexpr uint32_t kMaxLayoutStrings = kMaxSignatureChars;
 // numeric words with the strings between them where they belong, and the escape word from six
 // numeric words on; returns the escape flags. With Wraps false the caller has checked that the
 // record does not cross the end of the ring, so no store tests its position (one check per
-// record instead of one per word); with Wraps true every store wraps as store_word does.
-template <bool Wraps>
+// record instead of one per word); with Wraps true every store wraps as store_word does. With
+// Escapes false every word is stored as it is and the result is the largest word stored: when
+// that is above kEscapeThreshold, the caller stores the record again with Escapes true (nothing
+// reads the words before the header is written).
+template <bool Wraps, bool Escapes>
 __attribute__((always_inline)) inline uint32_t store_layout(
     ring_cell* words, uint32_t size, uint32_t position, uint64_t timestamp, uint32_t thread,
     const uint32_t* values, uint32_t count, const record_string* strings,
     const uint32_t* string_bytes, uint32_t string_count) {
   uint32_t escapes = 0;
+  uint32_t top = 0;
   uint32_t bit = 0;
   auto put = [&](uint32_t value) {
     if (Wraps && position >= size) position = 0;
+    if (!Escapes) {
+      words[position++].store(value, std::memory_order_relaxed);
+      top = top > value ? top : value;
+      return;
+    }
     const uint32_t escaped = value > kEscapeThreshold ? 1u : 0u;
     words[position++].store(value ^ (escaped << 31), std::memory_order_relaxed);
     if (bit < kMaxFlagBits) escapes |= escaped << bit;
@@ -286,15 +295,19 @@ __attribute__((always_inline)) inline uint32_t store_layout(
   put(static_cast<uint32_t>(timestamp >> 32));
   put(static_cast<uint32_t>(timestamp));
   put(thread);
-  uint32_t next_string = 0;
-  for (uint32_t i = 0; i <= count; ++i) {
-    while (next_string < string_count && strings[next_string].words_before <= i) {
-      const char* text = strings[next_string].text;
-      copy_string(words, size, text != nullptr ? text : "(null)", string_bytes[next_string],
-                  &position);
-      ++next_string;
+  if (string_count == 0) {
+    for (uint32_t i = 0; i < count; ++i) put(values[i]);
+  } else {
+    uint32_t next_string = 0;
+    for (uint32_t i = 0; i <= count; ++i) {
+      while (next_string < string_count && strings[next_string].words_before <= i) {
+        const char* text = strings[next_string].text;
+        copy_string(words, size, text != nullptr ? text : "(null)", string_bytes[next_string],
+                    &position);
+        ++next_string;
+      }
+      if (i < count) put(values[i]);
     }
-    if (i < count) put(values[i]);
   }
   // The escape word, with no flag of its own: the same rule as quarry_internal's fixed word
   // count of 11 or more.
@@ -303,7 +316,7 @@ __attribute__((always_inline)) inline uint32_t store_layout(
     const uint32_t escaped = escapes > kEscapeThreshold ? kEscapeBit : 0u;
     words[position].store(escapes ^ escaped, std::memory_order_relaxed);
   }
-  return escapes;
+  return Escapes ? escapes : top;
 }
 
 // Writes one record through `handle` (enabled, not null) from numeric words in signature order
@@ -333,14 +346,23 @@ __attribute__((always_inline)) inline void write_layout_record(
   }
 
   const reservation r = reserve_record(cb, ring, length, clock);
+  const uint32_t thread = thread_word();
   uint32_t escapes;
   if (r.first + length <= ring.size_words) {
-    escapes =
-        store_layout<false>(ring.buffer, ring.size_words, r.first + 1, r.timestamp, thread_word(),
-                            values, count, strings, string_bytes, string_count);
+    // The common record: within the ring and without a word to escape (negative numbers and
+    // some thread words are the exceptions), stored without a per-word test.
+    const uint32_t top =
+        store_layout<false, false>(ring.buffer, ring.size_words, r.first + 1, r.timestamp, thread,
+                                   values, count, strings, string_bytes, string_count);
+    escapes = 0;
+    if (__builtin_expect(top > kEscapeThreshold, 0)) {
+      escapes =
+          store_layout<false, true>(ring.buffer, ring.size_words, r.first + 1, r.timestamp, thread,
+                                    values, count, strings, string_bytes, string_count);
+    }
   } else {
-    escapes = store_layout<true>(ring.buffer, ring.size_words, r.first + 1, r.timestamp,
-                                 thread_word(), values, count, strings, string_bytes, string_count);
+    escapes = store_layout<true, true>(ring.buffer, ring.size_words, r.first + 1, r.timestamp,
+                                       thread, values, count, strings, string_bytes, string_count);
   }
   finish_record(handle, ring.buffer, r.first, length, trace_point, escapes);
 }
