@@ -1,14 +1,16 @@
-# quarry_decode_file(<target> PROVIDER <name> HEADER <header> [OUTPUT <file>] [DESTINATION <dir>])
+# quarry_decode_file(<target> PROVIDER <name> HEADER <header> [OUTPUT <file>] [DESTINATION <dir>]
+#                    [C_HEADER <file>])
 #
 # Generates the decode file of a typed provider (quarry.hpp) at build time from the provider's
 # own declaration, so the decode file and the trace calls cannot disagree. A small program that
 # includes <header> (with the include directories and definitions of <target>) prints
 # quarry::decode_file_text<name>() into <file> (default: <name>.dec in the
 # current binary directory: it must carry the file name the provider declares, which the build
-# checks); <target> depends on it. With DESTINATION, the file is installed
-# there too.
+# checks); <target> depends on it. With DESTINATION, the file is installed there too. With
+# C_HEADER, the same program also writes a C header of typed inline calls for C sources
+# (quarry::c_header_text), and <target> gets its directory on its include path.
 function(quarry_decode_file target)
-  cmake_parse_arguments(QDF "" "PROVIDER;HEADER;OUTPUT;DESTINATION" "" ${ARGN})
+  cmake_parse_arguments(QDF "" "PROVIDER;HEADER;OUTPUT;DESTINATION;C_HEADER" "" ${ARGN})
   if(NOT QDF_PROVIDER OR NOT QDF_HEADER)
     message(FATAL_ERROR "quarry_decode_file(${target}): PROVIDER and HEADER are required")
   endif()
@@ -31,7 +33,7 @@ function(quarry_decode_file target)
 #include "quarry/quarry.hpp"
 
 int main(int argc, char** argv) {
-  if (argc != 2) return 2;
+  if (argc != 2 && argc != 3) return 2;
   // The decoder finds the file by the name the provider opens its handle with.
   const char* slash = strrchr(argv[1], '/');
   if (strcmp(slash != nullptr ? slash + 1 : argv[1], @QDF_PROVIDER@::decode_file) != 0) {
@@ -41,8 +43,15 @@ int main(int argc, char** argv) {
   }
   FILE* out = fopen(argv[1], "w");
   if (out == nullptr) return 1;
-  const bool ok = fputs(quarry::decode_file_text<@QDF_PROVIDER@>().c_str(), out) >= 0;
-  return fclose(out) == 0 && ok ? 0 : 1;
+  bool ok = fputs(quarry::decode_file_text<@QDF_PROVIDER@>().c_str(), out) >= 0;
+  ok = fclose(out) == 0 && ok;
+  if (argc == 3) {
+    FILE* header = fopen(argv[2], "w");
+    if (header == nullptr) return 1;
+    ok = fputs(quarry::c_header_text<@QDF_PROVIDER@>().c_str(), header) >= 0 && ok;
+    ok = fclose(header) == 0 && ok;
+  }
+  return ok ? 0 : 1;
 }
 ]=])
   add_executable(${generator} "${source}")
@@ -60,12 +69,21 @@ int main(int argc, char** argv) {
     endif()
   endforeach()
 
-  add_custom_command(OUTPUT "${output}"
-    COMMAND ${generator} "${output}"
+  set(outputs "${output}")
+  if(QDF_C_HEADER)
+    get_filename_component(c_header "${QDF_C_HEADER}" ABSOLUTE
+                           BASE_DIR "${CMAKE_CURRENT_BINARY_DIR}")
+    get_filename_component(c_header_dir "${c_header}" DIRECTORY)
+    file(MAKE_DIRECTORY "${c_header_dir}")
+    list(APPEND outputs "${c_header}")
+    target_include_directories(${target} PRIVATE "${c_header_dir}")
+  endif()
+  add_custom_command(OUTPUT ${outputs}
+    COMMAND ${generator} ${outputs}
     DEPENDS ${generator}
     COMMENT "Generating decode file ${output} from ${QDF_PROVIDER}"
     VERBATIM)
-  add_custom_target(${generator}_run DEPENDS "${output}")
+  add_custom_target(${generator}_run DEPENDS ${outputs})
   add_dependencies(${target} ${generator}_run)
   if(QDF_DESTINATION)
     install(FILES "${output}" DESTINATION "${QDF_DESTINATION}")

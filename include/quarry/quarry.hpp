@@ -303,6 +303,78 @@ std::string decode_file_text() {
   return out;
 }
 
+// A C header (C99) with a typed inline function per trace point of a provider, generated from
+// the same declaration, for C hosts: <provider>_<point>(args...) records through the weak
+// handle variable <provider>_quarry_handle, which <provider>_open() sets. Argument types follow
+// the codes: int32_t/uint32_t for 'd', int64_t/uint64_t for 'D', const char* for 's'.
+template <class P>
+std::string c_header_text() {
+  const std::string prefix = P::quarry_name_;
+  const std::string handle = prefix + "_quarry_handle";
+  std::string out = "/* Typed trace calls of the handle \"" + std::string(P::handle_name) +
+                    "\", generated from the provider " + prefix + "; do not edit. */\n";
+  out += "#ifndef QUARRY_GENERATED_" + prefix + "_H\n#define QUARRY_GENERATED_" + prefix +
+         "_H\n\n#include <string.h>\n\n#include \"quarry/quarry.h\"\n\n";
+  out +=
+      "/* One definition for the whole program (weak). */\n__attribute__((weak)) quarry_handle* " +
+      handle + ";\n\n";
+  out += "enum { " + prefix + "_trace_point_count = " + std::to_string(P::trace_point_count) +
+         " };\n\n";
+  out += "static inline int " + prefix + "_open(unsigned size, quarry_handle* parent) {\n" +
+         "  return quarry_open_internal(&" + handle + ", \"" + P::handle_name + "\", size, " +
+         std::to_string(P::trace_point_count) + ", \"" + P::decode_file +
+         "\", \"1\", parent);\n}\n";
+  P::quarry_for_each_point_([&](const detail::point_info& p) {
+    std::string params, words, strings;
+    size_t arg = 0, word_count = 0, string_count = 0;
+    const char* name = p.arg_names;
+    for (const char* code = p.signature; *code != '\0'; ++code, ++arg) {
+      while (*name == ' ') ++name;
+      const char* end = name;
+      while (*end != ' ' && *end != '\0') ++end;
+      const std::string arg_name(name, end);
+      name = end;
+      if (!params.empty()) params += ", ";
+      if (*code == 's') {
+        params += "const char* " + arg_name;
+        strings += (string_count++ ? ", {" : "{") + arg_name + ", " + arg_name +
+                   " ? (uint32_t)strlen(" + arg_name + ") : 0, " + std::to_string(word_count) + "}";
+        continue;
+      }
+      const bool wide = *code == 'D';
+      params +=
+          std::string(p.is_unsigned[arg] ? "uint" : "int") + (wide ? "64_t " : "32_t ") + arg_name;
+      if (wide) {
+        words +=
+            std::string(word_count ? ", " : "") + "(uint32_t)((uint64_t)" + arg_name + " >> 32)";
+        ++word_count;
+      }
+      words += std::string(word_count ? ", " : "") + "(uint32_t)" + arg_name;
+      ++word_count;
+    }
+    const std::string index = std::to_string(p.index);
+    out += "\nstatic inline void " + prefix + "_" + p.name + "(" +
+           (params.empty() ? "void" : params) + ") {\n  if (!quarry_handle_enabled(" + handle +
+           ")) return;\n";
+    if (string_count > 0) {
+      out += "  {\n    const uint32_t words[] = {" + (words.empty() ? "0" : words) +
+             "};\n    const quarry_string strings[] = {" + strings +
+             "};\n    quarry_record_strings(" + handle + ", " + index + ", words, " +
+             std::to_string(word_count) + ", strings, " + std::to_string(string_count) +
+             ");\n  }\n";
+    } else if (word_count <= 4) {
+      out += "  quarry_record" + std::to_string(word_count) + "(" + handle + ", " + index +
+             (words.empty() ? "" : ", " + words) + ");\n";
+    } else {
+      out += "  {\n    const uint32_t words[] = {" + words + "};\n    quarry_record_words(" +
+             handle + ", " + index + ", words, " + std::to_string(word_count) + ");\n  }\n";
+    }
+    out += "}\n";
+  });
+  out += "\n#endif\n";
+  return out;
+}
+
 }  // namespace quarry
 
 // ---- Declaration macros -------------------------------------------------------------------------
@@ -380,6 +452,7 @@ std::string decode_file_text() {
 // static function per trace point, its trace_point_count, and what decode_file_text reads.
 #define QUARRY_PROVIDER(provider_, handle_name_, decode_file_, LIST)                         \
   struct provider_ : ::quarry::detail::provider_state<provider_> {                           \
+    static constexpr const char* quarry_name_ = #provider_;                                  \
     static constexpr const char* handle_name = handle_name_;                                 \
     static constexpr const char* decode_file = decode_file_;                                 \
     union quarry_sizes_ {                                                                    \
