@@ -80,8 +80,12 @@ inline void copy_string(ring_cell* words, uint32_t size_words, const char* text,
     words[q++].store(w, std::memory_order_relaxed);
     offset += 4;
   }
-  uint32_t w = 0;
-  memcpy(&w, text + offset, chars - offset);
+  // The last 0 to 3 characters byte by byte: a memcpy of a variable length would be a call.
+  unsigned char tail[4] = {0, 0, 0, 0};
+  for (uint32_t i = 0; offset + i < chars; ++i)
+    tail[i] = static_cast<unsigned char>(text[offset + i]);
+  uint32_t w;
+  memcpy(&w, tail, 4);
   if (q >= size_words) q = 0;
   words[q++].store(w, std::memory_order_relaxed);
   *position = q;
@@ -295,20 +299,15 @@ __attribute__((always_inline)) inline uint32_t store_layout(
   put(static_cast<uint32_t>(timestamp >> 32));
   put(static_cast<uint32_t>(timestamp));
   put(thread);
-  if (string_count == 0) {
-    for (uint32_t i = 0; i < count; ++i) put(values[i]);
-  } else {
-    uint32_t next_string = 0;
-    for (uint32_t i = 0; i <= count; ++i) {
-      while (next_string < string_count && strings[next_string].words_before <= i) {
-        const char* text = strings[next_string].text;
-        copy_string(words, size, text != nullptr ? text : "(null)", string_bytes[next_string],
-                    &position);
-        ++next_string;
-      }
-      if (i < count) put(values[i]);
-    }
+  // Each string after the numeric words that come before it (strings given out of order, or
+  // after more words than there are, still take exactly their reserved words).
+  uint32_t next = 0;
+  for (uint32_t s = 0; s < string_count; ++s) {
+    for (; next < strings[s].words_before && next < count; ++next) put(values[next]);
+    const char* text = strings[s].text;
+    copy_string(words, size, text != nullptr ? text : "(null)", string_bytes[s], &position);
   }
+  for (; next < count; ++next) put(values[next]);
   // The escape word, with no flag of its own: the same rule as quarry_internal's fixed word
   // count of 11 or more.
   if (count >= 6) {

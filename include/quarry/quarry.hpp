@@ -207,10 +207,12 @@ struct point_args {
                   "quarry: wrong number of arguments for this trace point (see its declaration)");
     static_assert((true && ... && argument_ok<Decl, A>()), "quarry: see the message above");
     static_assert(Index < Provider::trace_point_count, "quarry: index outside the provider");
-    const unsigned char* view = Provider::quarry_view_;
+    // Acquire (a plain load on x86-64): a view published by the provider's constructor on
+    // another thread comes with the handle it points to and with quarry_handle_.
+    const unsigned char* view = __atomic_load_n(&Provider::quarry_view_, __ATOMIC_ACQUIRE);
     if (__builtin_expect(
             __atomic_load_n(view + QUARRY_HANDLE_ENABLED_OFFSET, __ATOMIC_RELAXED) != 0, 0)) {
-      write(Provider::quarry_handle_, Index, a...);
+      write(__atomic_load_n(&Provider::quarry_handle_, __ATOMIC_RELAXED), Index, a...);
     }
   }
 };
@@ -262,15 +264,16 @@ class provider {
     result_ = quarry_open_internal(&handle, P::handle_name, size, P::trace_point_count,
                                    P::decode_file, tag, parent);
     if (result_ == 0 && handle != nullptr) {
-      P::quarry_handle_ = handle;
-      P::quarry_view_ = reinterpret_cast<const unsigned char*>(handle);
+      __atomic_store_n(&P::quarry_handle_, handle, __ATOMIC_RELAXED);
+      __atomic_store_n(&P::quarry_view_, reinterpret_cast<const unsigned char*>(handle),
+                       __ATOMIC_RELEASE);
     }
   }
   provider(const provider&) = delete;
   provider& operator=(const provider&) = delete;
 
   int result() const { return result_; }
-  quarry_handle* handle() const { return P::quarry_handle_; }
+  quarry_handle* handle() const { return __atomic_load_n(&P::quarry_handle_, __ATOMIC_RELAXED); }
 
  private:
   int result_ = 0;
