@@ -67,6 +67,8 @@ inline bool store_word(ring_cell* words, uint32_t size_words, uint32_t value, ui
 // Copies `bytes` bytes of a string (its characters and the terminating NUL; the NUL is written
 // from here, not read) word by word from *position, wrapping at the end of the ring exactly
 // where the words leave it. The last word is zero-padded.
+// With Wraps false the caller knows the string does not reach the end of the ring.
+template <bool Wraps = true>
 inline void copy_string(ring_cell* words, uint32_t size_words, const char* text, uint32_t bytes,
                         uint32_t* position) {
   if (bytes == 0) return;
@@ -76,7 +78,7 @@ inline void copy_string(ring_cell* words, uint32_t size_words, const char* text,
   while (offset + 4 <= chars) {
     uint32_t w;
     memcpy(&w, text + offset, 4);
-    if (q >= size_words) q = 0;
+    if (Wraps && q >= size_words) q = 0;
     words[q++].store(w, std::memory_order_relaxed);
     offset += 4;
   }
@@ -86,7 +88,7 @@ inline void copy_string(ring_cell* words, uint32_t size_words, const char* text,
     tail[i] = static_cast<unsigned char>(text[offset + i]);
   uint32_t w;
   memcpy(&w, tail, 4);
-  if (q >= size_words) q = 0;
+  if (Wraps && q >= size_words) q = 0;
   words[q++].store(w, std::memory_order_relaxed);
   *position = q;
 }
@@ -305,7 +307,7 @@ __attribute__((always_inline)) inline uint32_t store_layout(
   for (uint32_t s = 0; s < string_count; ++s) {
     for (; next < strings[s].words_before && next < count; ++next) put(values[next]);
     const char* text = strings[s].text;
-    copy_string(words, size, text != nullptr ? text : "(null)", string_bytes[s], &position);
+    copy_string<Wraps>(words, size, text != nullptr ? text : "(null)", string_bytes[s], &position);
   }
   for (; next < count; ++next) put(values[next]);
   // The escape word, with no flag of its own: the same rule as quarry_internal's fixed word
