@@ -33,8 +33,8 @@ TEST(DecodeTyped, GeneratedDecodeFileDecodesTheCalls) {
       "typed:tick\n",
       "typed:request: request 4278190080 for GET /x\n",  // cut at the NUL
       "typed:reply: reply -2 after 18446744073709551615 ns\n",
-      "typed:mixed: { small = -1, text = \"(null)\", wide = -9223372036854775808, "
-      "name = \"abcd\", color = 200 }\n",
+      ("typed:mixed: { small = -1, text = \"(null)\", wide = -9223372036854775808, "
+       "name = \"abcd\", color = 200 }\n"),
       "typed:six: 1 2 3 4 4294967295 -6\n",
   };
   size_t at = 0;
