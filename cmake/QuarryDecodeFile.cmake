@@ -29,6 +29,8 @@ function(quarry_decode_file target)
 #include <stdio.h>
 #include <string.h>
 
+#include <string>
+
 #include "@header@"
 #include "quarry/quarry.hpp"
 
@@ -39,6 +41,12 @@ int main(int argc, char** argv) {
   if (strcmp(slash != nullptr ? slash + 1 : argv[1], @QDF_PROVIDER@::decode_file) != 0) {
     fprintf(stderr, "quarry_decode_file: @QDF_PROVIDER@ names its decode file %s, not %s\n",
             @QDF_PROVIDER@::decode_file, argv[1]);
+    return 1;
+  }
+  const std::string problems = quarry::decode_file_problems<@QDF_PROVIDER@>();
+  if (!problems.empty()) {
+    fprintf(stderr, "quarry_decode_file: messages of @QDF_PROVIDER@ the decoder would reject:\n%s",
+            problems.c_str());
     return 1;
   }
   FILE* out = fopen(argv[1], "w");

@@ -7,6 +7,10 @@
 
 extern "C" void typed_c_calls(void);
 
+#define UNDECODABLE(POINT, SPAN) \
+  POINT(0, a, "{z:x} {} {{ok}} {y} {}", (uint32_t, z)) POINT(1, b, "}{z", (uint32_t, z))
+QUARRY_PROVIDER(undecodable, "undecodable", "undecodable.dec", UNDECODABLE);
+
 namespace {
 
 // The same records from C++ and from C (tests/typed_c_host.c), decoded with the generated file.
@@ -45,6 +49,16 @@ TEST(DecodeTyped, GeneratedDecodeFileDecodesTheCalls) {
       at += strlen(line);
     }
   }
+}
+
+// The generator refuses messages the decoder would reject, so a build cannot ship them.
+TEST(DecodeTyped, MessagesTheDecoderWouldRejectAreFound) {
+  EXPECT_EQ("", quarry::decode_file_problems<typed_points>());
+  EXPECT_EQ(
+      "a: the message placeholder {y} names no argument\n"
+      "a: the message placeholder {} names no argument\n"
+      "b: unmatched } in the message\nb: unmatched { in the message\n",
+      quarry::decode_file_problems<undecodable>());
 }
 
 TEST(DecodeTyped, SpansRecordBeginAndEndAroundTheirScope) {

@@ -306,6 +306,45 @@ std::string decode_file_text() {
   return out;
 }
 
+// What the decoder would reject in a provider's messages: a placeholder {name} that names no
+// argument, more {} than arguments, an unmatched brace. One line per problem, empty when none;
+// quarry_decode_file fails the build on any.
+template <class P>
+std::string decode_file_problems() {
+  std::string out;
+  P::quarry_for_each_point_([&out](const detail::point_info& p) {
+    const std::string names = std::string(p.arg_names) + " ";
+    size_t args = 0, next = 0;
+    for (const char* c = p.arg_names; *c != '\0'; ++c) args += *c == ' ';
+    const std::string message = p.message;
+    for (size_t i = 0; i < message.size(); ++i) {
+      if ((message[i] == '{' || message[i] == '}') && i + 1 < message.size() &&
+          message[i + 1] == message[i]) {
+        ++i;  // {{ or }}
+        continue;
+      }
+      if (message[i] == '}') {
+        out += std::string(p.name) + ": unmatched } in the message\n";
+        continue;
+      }
+      if (message[i] != '{') continue;
+      const size_t end = message.find('}', i);
+      if (end == std::string::npos) {
+        out += std::string(p.name) + ": unmatched { in the message\n";
+        break;
+      }
+      const std::string name = message.substr(
+          i + 1, message.find(':', i) < end ? message.find(':', i) - i - 1 : end - i - 1);
+      if (name.empty() ? next++ >= args : names.find(" " + name + " ") == std::string::npos) {
+        out += std::string(p.name) + ": the message placeholder {" +
+               message.substr(i + 1, end - i - 1) + "} names no argument\n";
+      }
+      i = end;
+    }
+  });
+  return out;
+}
+
 // A C header (C99) with a typed inline function per trace point of a provider, generated from
 // the same declaration, for C hosts: <provider>_<point>(args...) records through the weak
 // handle variable <provider>_quarry_handle, which <provider>_open() sets. Argument types follow
