@@ -19,13 +19,13 @@ demo: configure
 	@rm -rf $(BUILD)/demo && mkdir -p $(BUILD)/demo
 	QUARRY_PATH=$(CURDIR)/$(BUILD)/demo/ $(BUILD)/examples/demo_host
 	@echo
-	@echo "== quarry-decode -d examples $(BUILD)/demo/demo_host/ (newest trace file of each buffer, merged by time) =="
-	@$(BUILD)/tools/decode/quarry-decode -d examples $(BUILD)/demo/demo_host/ > $(BUILD)/demo/decoded.txt
+	@echo "== quarry-decode -d $(BUILD)/examples $(BUILD)/demo/demo_host/ (newest trace file of each buffer, merged by time) =="
+	@$(BUILD)/tools/decode/quarry-decode -d $(BUILD)/examples $(BUILD)/demo/demo_host/ > $(BUILD)/demo/decoded.txt
 	@head -n 8 $(BUILD)/demo/decoded.txt; echo "..."; tail -n 8 $(BUILD)/demo/decoded.txt
 	@echo "($$(wc -l < $(BUILD)/demo/decoded.txt) records in $(BUILD)/demo/decoded.txt)"
 	@echo
-	@echo "== quarry-decode --summary -d examples $(BUILD)/demo/demo_host/app/ =="
-	@$(BUILD)/tools/decode/quarry-decode --summary -d examples $(BUILD)/demo/demo_host/app/
+	@echo "== quarry-decode --summary -d $(BUILD)/examples $(BUILD)/demo/demo_host/app/ =="
+	@$(BUILD)/tools/decode/quarry-decode --summary -d $(BUILD)/examples $(BUILD)/demo/demo_host/app/
 
 # Every test, with a private /dev/shm when the machine allows it, checking that the suite left
 # the default trace directory alone (tests/ctest_isolated.sh).

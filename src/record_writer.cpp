@@ -3,23 +3,7 @@
 // handler as long as the handle is not piped (the pipe step takes the buffer's mutex).
 #include "record_writer.h"
 
-#include <pthread.h>
-#include <time.h>
-
-namespace {
-
-inline uint64_t read_monotonic_ns() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
-}
-
-// The thread word: the low 32 bits of pthread_self, the same value the THREAD lines print.
-inline uint32_t current_thread_word() {
-  return static_cast<uint32_t>(pthread_self());
-}
-
-}  // namespace
+#include "thread_word.h"
 
 extern "C" QUARRY_EXPORT void quarry_internal(quarry_handle* handle, uint32_t trace_point,
                                               uint32_t fixed_words, uint32_t flags,
@@ -38,7 +22,7 @@ extern "C" QUARRY_EXPORT void quarry_internal(quarry_handle* handle, uint32_t tr
   // Lambdas, not function pointers, so that the clock and the thread word are inlined.
   write_record(
       handle, trace_point, fixed_words, flags, signature, measure, args,
-      [] { return read_monotonic_ns(); }, [] { return current_thread_word(); });
+      [] { return record_clock_ns(); }, [] { return record_thread_word(); });
   va_end(args);
   if (flags & QUARRY_FLAG_HAS_STRINGS) va_end(measure);
 }

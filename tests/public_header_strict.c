@@ -22,4 +22,9 @@ void quarry_strict_calls(quarry_handle* h) {
                27, 28, 29, 30, 31, 32, 33, 34, 35, 36, 37, 38, 39, 40, 41, 42, 43, 44, 45, 46, 47,
                48, 49, 50, 51, 52, 53, 54, 55, 56, 57, 58, 59, 60, 61, 62);
   (void)QUARRY_FLAG_HAS_STRINGS;
+#if defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
+  /* The typed form, with no value and with each argument type it maps. */
+  QUARRY_RECORD(h, 4);
+  QUARRY_RECORD(h, 5, 1, big, "s", (short)2, 3u);
+#endif
 }

@@ -277,6 +277,215 @@ QUARRY_EXPORT char* uint64_2_xstr(uint64_t value, char* buf, uint32_t size);
 /* Decimal of `value`, the same way; null when `size` is below 22. */
 QUARRY_EXPORT char* uint64_2_dstr(uint64_t value, char* buf, int32_t size);
 
+/* ========================================================================================== */
+/* Typed records: the handle's read-only view, the non-variadic record entries, QUARRY_RECORD  */
+/* (C11) and C provider declarations. quarry.hpp builds the C++ front-end on this section.     */
+/* ========================================================================================== */
+
+/* The leading fields of every handle, in the library's own order, for reading `enabled` at the
+ * call site without a call. Read-only: the library changes `enabled` with single-byte stores, a
+ * reader sees a change from a later load. The library checks this layout against its own
+ * definition at compile time; nothing else of a handle is public. */
+typedef struct quarry_handle_view {
+  const void* cb;
+  const char* name;
+  const char* decode_ref;
+  uint32_t first_trace_point_id;
+  uint32_t trace_point_count;
+  unsigned char enabled;
+  unsigned char pipe;
+} quarry_handle_view;
+
+/* Byte offset of `enabled` in a handle: 3 pointers and 2 32-bit fields. */
+#define QUARRY_HANDLE_ENABLED_OFFSET (3 * sizeof(void*) + 2 * sizeof(uint32_t))
+
+/* Whether a record through `handle` would be written: not null and enabled. One load and a
+ * compare; read through a character pointer, so no aliasing rule is involved. */
+static inline int quarry_handle_enabled(const quarry_handle* handle) {
+  const unsigned char* bytes = (const unsigned char*)handle;
+  if (handle == 0) return 0;
+#if defined(__GNUC__)
+  return __atomic_load_n(bytes + QUARRY_HANDLE_ENABLED_OFFSET, __ATOMIC_RELAXED) != 0;
+#else
+  return *(const volatile unsigned char*)(bytes + QUARRY_HANDLE_ENABLED_OFFSET) != 0;
+#endif
+}
+
+/* A string argument of quarry_record_strings: `text` (null records "(null)"), its length in
+ * bytes without a NUL (the bytes need not be NUL-terminated; the record adds the NUL), and how
+ * many of the record's numeric words come before it in the signature. */
+typedef struct quarry_string {
+  const char* text;
+  uint32_t length;
+  uint32_t words_before;
+} quarry_string;
+
+/* Non-variadic record entries. Each writes through `handle` the record that quarry_internal
+ * writes for the same trace point and values, word for word: the numeric words are given in
+ * signature order, 'd' as one word, 'D' as two (bits 63..32 first), so quarry_record2(h, 3,
+ * 7, 9) equals QUARRY_TRACE(h, 3, "dd", 7, 9) and also QUARRY_TRACE(h, 3, "D", 0x700000009).
+ * Like quarry_internal they are lock-free, never fail, never print, and write nothing through a
+ * null or disabled handle; `trace_point` must be below the handle's trace_point_count. */
+QUARRY_EXPORT void quarry_record0(quarry_handle* handle, uint32_t trace_point);
+QUARRY_EXPORT void quarry_record1(quarry_handle* handle, uint32_t trace_point, uint32_t w0);
+QUARRY_EXPORT void quarry_record2(quarry_handle* handle, uint32_t trace_point, uint32_t w0,
+                                  uint32_t w1);
+QUARRY_EXPORT void quarry_record3(quarry_handle* handle, uint32_t trace_point, uint32_t w0,
+                                  uint32_t w1, uint32_t w2);
+QUARRY_EXPORT void quarry_record4(quarry_handle* handle, uint32_t trace_point, uint32_t w0,
+                                  uint32_t w1, uint32_t w2, uint32_t w3);
+/* `count` numeric words (at most 29 per record; more are cut at 64). */
+QUARRY_EXPORT void quarry_record_words(quarry_handle* handle, uint32_t trace_point,
+                                       const uint32_t* words, uint32_t count);
+/* Numeric words and `string_count` strings (at most 32), in order of `words_before`. */
+QUARRY_EXPORT void quarry_record_strings(quarry_handle* handle, uint32_t trace_point,
+                                         const uint32_t* words, uint32_t count,
+                                         const quarry_string* strings, uint32_t string_count);
+
+/* Preprocessor helpers of QUARRY_RECORD and of the provider declarations (quarry.hpp). */
+#define QUARRY_CAT_(a, b) QUARRY_CAT2_(a, b)
+#define QUARRY_CAT2_(a, b) a##b
+#define QUARRY_COUNT_(...) QUARRY_COUNT2_(__VA_ARGS__, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0)
+#define QUARRY_COUNT2_(_1, _2, _3, _4, _5, _6, _7, _8, _9, _10, n, ...) n
+
+#if defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L && !defined(__cplusplus)
+#include <string.h>
+
+/* QUARRY_RECORD(handle, trace_point, args...): 0 to 8 arguments whose signature comes from
+ * their types: integers of up to 32 bits record 'd', 64-bit integers 'D', char* and const
+ * char* 's' (null records "(null)"). Floating point, structures and other pointers do not
+ * compile. A disabled or null handle costs a load and a branch; arguments are evaluated once,
+ * and only when the record is written. */
+typedef struct quarry_arg_ {
+  char code;
+  uint64_t value;
+  const char* text;
+} quarry_arg_;
+
+static inline quarry_arg_ quarry_arg_d_(uint32_t v) {
+  quarry_arg_ a = {'d', v, 0};
+  return a;
+}
+static inline quarry_arg_ quarry_arg_D_(uint64_t v) {
+  quarry_arg_ a = {'D', v, 0};
+  return a;
+}
+static inline quarry_arg_ quarry_arg_s_(const char* text) {
+  quarry_arg_ a = {'s', 0, text};
+  return a;
+}
+
+#if defined(__SIZEOF_LONG__) && __SIZEOF_LONG__ == 8
+#define QUARRY_LONG_ARG_ quarry_arg_D_
+#else
+#define QUARRY_LONG_ARG_ quarry_arg_d_
+#endif
+
+/* No default association: any other type stops the compilation here. */
+/* clang-format off */
+#define QUARRY_ARG_(x)                                                                    \
+  _Generic((x),                                                                           \
+      _Bool: quarry_arg_d_, char: quarry_arg_d_, signed char: quarry_arg_d_,              \
+      unsigned char: quarry_arg_d_, short: quarry_arg_d_, unsigned short: quarry_arg_d_,  \
+      int: quarry_arg_d_, unsigned int: quarry_arg_d_, long: QUARRY_LONG_ARG_,            \
+      unsigned long: QUARRY_LONG_ARG_, long long: quarry_arg_D_,                          \
+      unsigned long long: quarry_arg_D_, char*: quarry_arg_s_, const char*: quarry_arg_s_)(x)
+/* clang-format on */
+
+/* Lays the arguments out as numeric words and strings and calls the matching entry. Written
+ * without a loop: inlined with a constant count and constant codes, it folds to the stores and
+ * the one call of the record's shape, with any compiler that inlines. */
+#define QUARRY_LAYOUT_(i)                                                    \
+  if ((i) < count) {                                                         \
+    if (args[i].code == 's') {                                               \
+      strings[s].text = args[i].text;                                        \
+      strings[s].length = args[i].text ? (uint32_t)strlen(args[i].text) : 0; \
+      strings[s].words_before = n;                                           \
+      ++s;                                                                   \
+    } else {                                                                 \
+      if (args[i].code == 'D') words[n++] = (uint32_t)(args[i].value >> 32); \
+      words[n++] = (uint32_t)args[i].value;                                  \
+    }                                                                        \
+  }
+#if defined(__GNUC__)
+__attribute__((always_inline))
+#endif
+static inline void
+quarry_record_args_(quarry_handle* handle, uint32_t trace_point, const quarry_arg_* args,
+                    unsigned count) {
+  uint32_t words[16];
+  quarry_string strings[8];
+  unsigned n = 0, s = 0;
+  QUARRY_LAYOUT_(0)
+  QUARRY_LAYOUT_(1)
+  QUARRY_LAYOUT_(2)
+  QUARRY_LAYOUT_(3)
+  QUARRY_LAYOUT_(4)
+  QUARRY_LAYOUT_(5)
+  QUARRY_LAYOUT_(6)
+  QUARRY_LAYOUT_(7)
+  if (s != 0) {
+    quarry_record_strings(handle, trace_point, words, n, strings, s);
+    return;
+  }
+  switch (n) {
+    case 0:
+      quarry_record0(handle, trace_point);
+      break;
+    case 1:
+      quarry_record1(handle, trace_point, words[0]);
+      break;
+    case 2:
+      quarry_record2(handle, trace_point, words[0], words[1]);
+      break;
+    case 3:
+      quarry_record3(handle, trace_point, words[0], words[1], words[2]);
+      break;
+    case 4:
+      quarry_record4(handle, trace_point, words[0], words[1], words[2], words[3]);
+      break;
+    default:
+      quarry_record_words(handle, trace_point, words, n);
+      break;
+  }
+}
+#undef QUARRY_LAYOUT_
+
+#define QUARRY_RECORD(...) QUARRY_CAT_(QUARRY_RECORD_, QUARRY_COUNT_(__VA_ARGS__))(__VA_ARGS__)
+#define QUARRY_RECORD_WITH_(h, tp, n, ...)                          \
+  do {                                                              \
+    quarry_handle* const quarry_h_ = (h);                           \
+    if (quarry_handle_enabled(quarry_h_)) {                         \
+      const quarry_arg_ quarry_a_[n] = {__VA_ARGS__};               \
+      quarry_record_args_(quarry_h_, (uint32_t)(tp), quarry_a_, n); \
+    }                                                               \
+  } while (0)
+#define QUARRY_RECORD_2(h, tp)                                             \
+  do {                                                                     \
+    quarry_handle* const quarry_h_ = (h);                                  \
+    if (quarry_handle_enabled(quarry_h_)) quarry_record0(quarry_h_, (tp)); \
+  } while (0)
+#define QUARRY_RECORD_3(h, tp, a) QUARRY_RECORD_WITH_(h, tp, 1, QUARRY_ARG_(a))
+#define QUARRY_RECORD_4(h, tp, a, b) QUARRY_RECORD_WITH_(h, tp, 2, QUARRY_ARG_(a), QUARRY_ARG_(b))
+#define QUARRY_RECORD_5(h, tp, a, b, c) \
+  QUARRY_RECORD_WITH_(h, tp, 3, QUARRY_ARG_(a), QUARRY_ARG_(b), QUARRY_ARG_(c))
+#define QUARRY_RECORD_6(h, tp, a, b, c, d) \
+  QUARRY_RECORD_WITH_(h, tp, 4, QUARRY_ARG_(a), QUARRY_ARG_(b), QUARRY_ARG_(c), QUARRY_ARG_(d))
+#define QUARRY_RECORD_7(h, tp, a, b, c, d, e)                                                   \
+  QUARRY_RECORD_WITH_(h, tp, 5, QUARRY_ARG_(a), QUARRY_ARG_(b), QUARRY_ARG_(c), QUARRY_ARG_(d), \
+                      QUARRY_ARG_(e))
+#define QUARRY_RECORD_8(h, tp, a, b, c, d, e, f)                                                \
+  QUARRY_RECORD_WITH_(h, tp, 6, QUARRY_ARG_(a), QUARRY_ARG_(b), QUARRY_ARG_(c), QUARRY_ARG_(d), \
+                      QUARRY_ARG_(e), QUARRY_ARG_(f))
+#define QUARRY_RECORD_9(h, tp, a, b, c, d, e, f, g)                                             \
+  QUARRY_RECORD_WITH_(h, tp, 7, QUARRY_ARG_(a), QUARRY_ARG_(b), QUARRY_ARG_(c), QUARRY_ARG_(d), \
+                      QUARRY_ARG_(e), QUARRY_ARG_(f), QUARRY_ARG_(g))
+#define QUARRY_RECORD_10(h, tp, a, b, c, d, e, f, g, i)                                         \
+  QUARRY_RECORD_WITH_(h, tp, 8, QUARRY_ARG_(a), QUARRY_ARG_(b), QUARRY_ARG_(c), QUARRY_ARG_(d), \
+                      QUARRY_ARG_(e), QUARRY_ARG_(f), QUARRY_ARG_(g), QUARRY_ARG_(i))
+
+#endif /* C11 */
+
 #ifdef __cplusplus
 }
 #endif

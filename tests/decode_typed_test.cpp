@@ -1,0 +1,88 @@
+// The typed front-end end to end: calls of a declared provider, dumped and decoded with the
+// decode file that the build generated from the same declaration; spans.
+#include <gtest/gtest.h>
+
+#include "decode_test_support.h"
+#include "typed_test_providers.h"
+
+extern "C" void typed_c_calls(void);
+
+#define UNDECODABLE(POINT, SPAN) \
+  POINT(0, a, "{z:x} {} {{ok}} {y} {}", (uint32_t, z)) POINT(1, b, "}{z", (uint32_t, z))
+QUARRY_PROVIDER(undecodable, "undecodable", "undecodable.dec", UNDECODABLE);
+
+namespace {
+
+// The same records from C++ and from C (tests/typed_c_host.c), decoded with the generated file.
+TEST(DecodeTyped, GeneratedDecodeFileDecodesTheCalls) {
+  quarry_set_process_name("typed_host");
+  quarry::provider<typed_points> typed(4096);
+  ASSERT_EQ(0, typed.result());
+  EXPECT_EQ(6u, typed_points::trace_point_count);  // one above the highest index
+  EXPECT_EQ(quarry::decode_file_text<typed_points>(),
+            quarry_test::read_file(QUARRY_TEST_DECODE_DIR "typed.dec"));
+
+  typed_points::tick();
+  typed_points::request(0xFF000000u, std::string_view("GET /x\0junk", 11));
+  typed_points::reply(-2, 0xFFFFFFFFFFFFFFFFull);
+  typed_points::mixed(int8_t{-1}, nullptr, INT64_MIN, std::string("abcd"), typed_color::blue);
+  typed_points::six(1u, 2u, 3u, 4u, 0xFFFFFFFFu, -6);
+  typed_c_calls();
+  ASSERT_EQ(0, quarry_dump(typed.handle()));
+
+  const decode_test::CliResult r = decode_test::run(
+      {"-d", QUARRY_TEST_DECODE_DIR, quarry_test::base_dir() + "typed_host/typed/"});
+  EXPECT_EQ(0, r.status) << r.err;
+  const char* const expected[] = {
+      "typed:tick\n",
+      "typed:request: request 4278190080 for GET /x\n",  // cut at the NUL
+      "typed:reply: reply -2 after 18446744073709551615 ns\n",
+      ("typed:mixed: { small = -1, text = \"(null)\", wide = -9223372036854775808, "
+       "name = \"abcd\", color = 200 }\n"),
+      "typed:six: 1 2 3 4 4294967295 -6\n",
+  };
+  size_t at = 0;
+  for (int round = 0; round < 2; ++round) {
+    for (const char* line : expected) {
+      at = r.out.find(line, at);
+      ASSERT_NE(std::string::npos, at) << line << " not in order in\n" << r.out;
+      at += strlen(line);
+    }
+  }
+}
+
+// The generator refuses messages the decoder would reject, so a build cannot ship them.
+TEST(DecodeTyped, MessagesTheDecoderWouldRejectAreFound) {
+  EXPECT_EQ("", quarry::decode_file_problems<typed_points>());
+  EXPECT_EQ(
+      "a: the message placeholder {y} names no argument\n"
+      "a: the message placeholder {} names no argument\n"
+      "b: unmatched } in the message\nb: unmatched { in the message\n",
+      quarry::decode_file_problems<undecodable>());
+}
+
+TEST(DecodeTyped, SpansRecordBeginAndEndAroundTheirScope) {
+  quarry_set_process_name("span_host");
+  typed_spans::note("before the open: a disabled call");
+  quarry::provider<typed_spans> spans(4096);
+  ASSERT_EQ(0, spans.result());
+  {
+    auto work = typed_spans::work(9u);
+    typed_spans::note("inside");
+  }
+  typed_spans::note("after");
+  ASSERT_EQ(0, quarry_dump(spans.handle()));
+  // No decode file: the records show raw, by index, in the order written.
+  const decode_test::CliResult r = decode_test::run({quarry_test::base_dir() + "span_host/spans/"});
+  size_t at = 0;
+  for (const char* index : {"spans:#0", "spans:#2", "spans:#1", "spans:#2"}) {
+    at = r.out.find(index, at + 1);
+    ASSERT_NE(std::string::npos, at) << index << " not in order in\n" << r.out;
+  }
+  EXPECT_EQ(4u, decode_test::count(r.out, "spans:#"));
+  const std::string text = quarry::decode_file_text<typed_spans>();
+  EXPECT_NE(std::string::npos, text.find("\n0 work_begin d item:u @begin:work = working on {item}\n"
+                                         "1 work_end - @end:work\n"));
+}
+
+}  // namespace
