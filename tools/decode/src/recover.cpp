@@ -203,6 +203,9 @@ std::string recover_ring(const std::string& ring_dir, DecodeFileCache& cache) {
   Record record;
   for (size_t i = 0; i < n; ++i) {
     if (!is_header_word(words[i])) continue;
+    // The decoder remembers runs of string words by position, to skip them on the next try:
+    // it must be told where each header word lies, or it applies one record's run to another.
+    decoder.set_position(i);
     if (decoder.decode(words.data() + i, n, true, &record) == RecordDecoder::Result::kOk) {
       good.push_back({record.timestamp, i, record.length});
       continue;

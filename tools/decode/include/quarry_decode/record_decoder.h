@@ -43,7 +43,9 @@ class RecordDecoder {
   Result decode(const uint32_t* words, size_t available, bool final, Record* out);
 
   // The position of words[0] in the whole data, so that what one decode learned about a run of
-  // string words serves the next (the walker sets it before each decode).
+  // string words serves the next (the walker sets it before each decode). A caller that decodes
+  // at more than one place with one decoder must set it before each decode: the learned runs are
+  // kept by position and would otherwise be applied to the wrong words.
   void set_position(uint64_t position) { position_ = position; }
 
   // A string longer than this is taken for damage: it bounds the words a reader must hold for
