@@ -13,6 +13,7 @@
 #include <new>
 
 #include "buffer.h"
+#include "heap.h"
 #include "persistent_ring.h"
 #include "sigsafe_format.h"
 
@@ -96,7 +97,7 @@ extern "C" QUARRY_EXPORT int quarry_set_current_thread_name(const char* name) {
 
 extern "C" QUARRY_EXPORT int quarry_set_thread_name(pthread_t thread, const char* name) {
   int32_t tid = current_thread_id();
-  thread_name_entry* entry = new (std::nothrow) thread_name_entry();
+  thread_name_entry* entry = new_record<thread_name_entry>();
   if (entry == nullptr) return 1;
   snprintf(entry->text, sizeof entry->text, "THREAD %s %d\n", name != nullptr ? name : "(null)",
            tid);
@@ -107,7 +108,7 @@ extern "C" QUARRY_EXPORT int quarry_set_thread_name(pthread_t thread, const char
         stderr);
   }
   if (pthread_mutex_lock(&circular_buffer_list_mutex) != 0) {
-    delete entry;
+    delete_record(entry);
     return -1;
   }
   // The entry is complete (text, null next) before the release store that links it, so a dump

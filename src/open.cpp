@@ -19,6 +19,7 @@
 #include "ctrl_file.h"
 #include "env.h"
 #include "fork_handlers.h"
+#include "heap.h"
 #include "persistent_ring.h"
 #include "process_init.h"
 #include "ring.h"
@@ -112,7 +113,7 @@ void destroy_unpublished_buffer(open_state* st) {
   free(cb->ctrl_file_name);
   free(cb->output_header);
   if (st->mutex_initialised) pthread_mutex_destroy(&cb->mutex);
-  delete cb;
+  delete_record(cb);
 }
 
 // Releases what the failed open built, unlocks, and only then reports. Only memory that no
@@ -137,7 +138,7 @@ __attribute__((format(printf, 3, 4))) int fail_open(open_state* st, int result, 
     retire(st->node);
   } else {
     free(st->decode_ref);
-    delete st->node;
+    delete_record(st->node);
     free(st->full_name);
     free(st->handle);
     if (st->new_buffer) destroy_unpublished_buffer(st);
@@ -161,7 +162,7 @@ int create_buffer(open_state* st, const char* name, unsigned int size) {
     return fail_open(st, 8,
                      "quarry_open(): unable to allocate memory for quarry circular_buffer\n");
   }
-  circular_buffer* cb = new (std::nothrow) circular_buffer();  // zero-filled
+  circular_buffer* cb = new_record<circular_buffer>();  // zero-filled
   if (cb == nullptr) {
     return fail_open(st, 8,
                      "quarry_open(): unable to allocate memory for quarry circular_buffer\n");
@@ -431,7 +432,7 @@ extern "C" QUARRY_EXPORT int quarry_open_internal(quarry_handle** out, const cha
   snprintf(st.decode_ref, ref_length + 1u, kDecodeRefFormat, "QUARRY_DECODE_REF", full_name,
            decode_file, static_cast<int>(first_id), last_id, decode_tag);
   handle->decode_ref = st.decode_ref;
-  st.node = new (std::nothrow) handle_node();
+  st.node = new_record<handle_node>();
   if (st.node == nullptr) {
     return fail_open(&st, 5, "quarry_open(): unable to allocate mem for hdl elem\n");
   }
