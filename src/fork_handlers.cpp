@@ -248,7 +248,8 @@ void ensure_inherited_buffer_directory(circular_buffer* cb, const char* file_pat
   text.append(file_path, static_cast<uint32_t>(end));
   // Failing here leaves the state as it was: the file's open then reports the missing
   // directory, and the next file tries again.
-  if (make_own_directory(dir)) cb->inherited.store(kInheritedWithDirectory, std::memory_order_release);
+  if (make_own_directory(dir))
+    cb->inherited.store(kInheritedWithDirectory, std::memory_order_release);
 }
 
 int adopt_inherited_ctrl_file(circular_buffer* cb) {

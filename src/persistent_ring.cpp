@@ -283,8 +283,8 @@ int write_header_locked(circular_buffer* cb) {
       !format_path(final_path, "%sheader", pr->run_dir)) {
     return ENAMETOOLONG;
   }
-  int fd = open(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
-                trace_file_mode());
+  int fd =
+      open(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, trace_file_mode());
   if (fd < 0) return errno;
   size_t offset = 0;
   while (offset < text.length) {
