@@ -214,23 +214,23 @@ int cmd_dump(const Context& ctx, const Args& args) {
   return status;
 }
 
-int cmd_show(const Context& ctx, const Args& args) {
+// The directory that "TARGET [BUFFER]" names: the process directory, or one buffer's. The
+// process need not be running.
+static std::string target_dir(const Context& ctx, const Args& args) {
   if (args.positional.empty() || args.positional.size() > 2)
     throw usage_error("expected TARGET [BUFFER]");
   ProcessEntry entry = resolve_target(ctx.base, args.positional[0]);
-  std::string input = entry.dir;
-  if (args.positional.size() == 2) input = buffer_of(entry, args.positional[1], {}).dir;
-  return decode_paths(ctx, args, {input});
+  if (args.positional.size() == 2) return buffer_of(entry, args.positional[1], {}).dir;
+  return entry.dir;
 }
 
-// The process need not be running: its directory is found by name (or by the PID in a forked
-// child's directory name); recovery itself refuses the rings of a live process.
+int cmd_show(const Context& ctx, const Args& args) {
+  return decode_paths(ctx, args, {target_dir(ctx, args)});
+}
+
+// Recovery itself refuses the rings of a live process.
 int cmd_recover(const Context& ctx, const Args& args) {
-  if (args.positional.empty() || args.positional.size() > 2)
-    throw usage_error("expected TARGET [BUFFER]");
-  ProcessEntry entry = resolve_target(ctx.base, args.positional[0]);
-  std::string input = entry.dir;
-  if (args.positional.size() == 2) input = buffer_of(entry, args.positional[1], {}).dir;
+  const std::string input = target_dir(ctx, args);
   std::vector<std::string> decode_dirs;
   for (auto it = args.options.lower_bound("decode-dir");
        it != args.options.upper_bound("decode-dir"); ++it) {
