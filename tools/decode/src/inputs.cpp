@@ -9,22 +9,10 @@
 #include <algorithm>
 
 #include "quarry_decode/error.h"
+#include "quarry_layout/tree.h"
 
 namespace quarry_decode {
 namespace {
-
-// The names the library gives trace files: "quarry.trc", or "quarry_<n>.trc" with rotation.
-bool is_trace_file_name(const std::string& name) {
-  if (name == "quarry.trc") return true;
-  static const std::string kPrefix = "quarry_", kSuffix = ".trc";
-  if (name.size() <= kPrefix.size() + kSuffix.size()) return false;
-  if (name.compare(0, kPrefix.size(), kPrefix) != 0) return false;
-  if (name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) return false;
-  for (size_t i = kPrefix.size(); i < name.size() - kSuffix.size(); ++i) {
-    if (name[i] < '0' || name[i] > '9') return false;
-  }
-  return true;
-}
 
 std::vector<std::string> list_dir(const std::string& dir) {
   std::vector<std::string> names;
@@ -49,7 +37,7 @@ std::string newest_trace_file(const std::string& dir) {
   std::string best;
   struct timespec best_time {};
   for (const std::string& name : list_dir(dir)) {
-    if (!is_trace_file_name(name)) continue;
+    if (!quarry_layout::is_trace_file_name(name)) continue;
     std::string path = with_slash(dir) + name;
     struct stat st;
     if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
