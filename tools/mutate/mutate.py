@@ -164,9 +164,9 @@ def main():
             finally:
                 with open(path, "w", encoding="utf-8") as f:
                     f.write(original)
-            first_killer = sorted(killers)[0] if killers else ""
             results.append((m, status, len(killers)))
-            line = f"{mid}\t{status}\t{len(killers)}\t{m['file']}\t{m['reason']}\t{first_killer}"
+            line = (f"{mid}\t{status}\t{len(killers)}\t{m['file']}\t{m['reason']}\t" +
+                    " ".join(sorted(killers)))
             print(f"{line}\t({time.time() - started:.0f}s)", flush=True)
             if args.results:
                 with open(args.results, "a") as out:
