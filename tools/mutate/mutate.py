@@ -77,11 +77,18 @@ def run(cmd, log, timeout=None):
     with open(log, "ab") as out:
         out.write(("\n$ " + " ".join(cmd) + "\n").encode())
         out.flush()
+        # A session of its own, so that an interruption also ends the tests it started.
+        proc = subprocess.Popen(cmd, stdout=out, stderr=subprocess.STDOUT, start_new_session=True)
         try:
-            return subprocess.run(cmd, stdout=out, stderr=subprocess.STDOUT,
-                                  timeout=timeout).returncode
+            return proc.wait(timeout=timeout)
         except subprocess.TimeoutExpired:
+            os.killpg(proc.pid, signal.SIGKILL)
+            proc.wait()
             return 124
+        except BaseException:
+            os.killpg(proc.pid, signal.SIGKILL)
+            proc.wait()
+            raise
 
 
 def failed_tests(build, log):
@@ -103,6 +110,8 @@ def main():
                     help="ctest -E regex of tests not run per mutant (slow, no logic under test)")
     ap.add_argument("--results", help="append one tab-separated line per mutant to this file")
     ap.add_argument("--check", action="store_true", help="only check that every mutant applies")
+    ap.add_argument("--first-failure", action="store_true",
+                    help="stop the tests at the first failure: faster, names one killing test")
     args = ap.parse_args()
 
     mutants = parse_mutants(args.mutants)
@@ -130,14 +139,19 @@ def main():
     build_cmd = ["nice", "-n", "19", "cmake", "--build", build, "-j", args.jobs]
     test_cmd = ["nice", "-n", "19", "ctest", "--test-dir", build, "-j", args.jobs,
                 "--timeout", args.timeout, "-E", args.exclude]
+    if args.first_failure:
+        test_cmd.append("--stop-on-failure")
 
     # The unmutated tree must build; tests that already fail on it cannot kill anything.
     if run(build_cmd, log) != 0:
         sys.exit(f"the unmutated tree does not build, see {log}")
-    run(test_cmd, log)
+    run([c for c in test_cmd if c != "--stop-on-failure"], log)
     broken = failed_tests(build, log)
     if broken:
         print(f"ignoring {len(broken)} tests failing without any mutant: " + ", ".join(sorted(broken)))
+        if args.first_failure:  # they must not end the run before a real failure
+            names = "|".join("^" + re.escape(name) + "$" for name in sorted(broken))
+            test_cmd[test_cmd.index("-E") + 1] = args.exclude + "|" + names
 
     # Restore on every exit path: a signal turns into an exception that unwinds through finally.
     def interrupted(signum, frame):
