@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,7 +10,6 @@
 #include <thread>
 
 #include "kelp/kelp.h"
-#include "live_config.h"
 #include "test_support.h"
 
 namespace {
@@ -240,29 +238,6 @@ TEST_F(KelpTest, InvalidArgumentsAndNullLoopFail) {
   kelp_stop(nullptr);
   kelp_destroy(nullptr);
   EXPECT_EQ(rec.calls, 0);
-}
-
-TEST_F(KelpTest, LibraryCallPatternWatchesAnInotifyDescriptor) {
-  std::string file = quarry_test::make_dir("kelp_inotify") + "quarry.ctrl";
-  quarry_test::write_file(file, "");
-  int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  ASSERT_GE(inotify_add_watch(fd, file.c_str(), IN_CLOSE_WRITE), 0);
-  Recorder rec;
-  void* context = loop;
-  // Declared weak by the library; resolved because this program links kelp. A second
-  // configuration call for the same buffer attaches the same descriptor again.
-  for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(kelp_attach_fd(context, fd, 0, record, 2, 0, &rec, 0), 0);
-  }
-  EXPECT_EQ(kelp_run_once(loop, 0), 0);
-  quarry_test::write_file(file, "TRACE\n");
-  EXPECT_EQ(kelp_run_once(loop, 10000), 1);
-  EXPECT_EQ(rec.fd, fd);
-  EXPECT_EQ(rec.events, KELP_EVENT_READ);
-  char events[4096];
-  EXPECT_GT(read(fd, events, sizeof events), 0);
-  EXPECT_EQ(kelp_run_once(loop, 0), 0);
-  close(fd);
 }
 
 }  // namespace

@@ -70,15 +70,6 @@ class RecordEncoding : public ::testing::Test {
   quarry_handle* child_ = nullptr;
 };
 
-TEST_F(RecordEncoding, WorkedExampleWithEscapedArgument) {
-  write_fixed(child_, 2, 5, 0, "d", 0x0000000112345678ull, 0x0A0B0C0Du, 0xFF000001u);
-  EXPECT_EQ(
-      (std::vector<uint32_t>{0xFF080007u, 0x00000001u, 0x12345678u, 0x0A0B0C0Du, 0x7F000001u}),
-      ring_words(child_, 0, 5));
-  EXPECT_EQ(5u, owner_->cb->word_count.load());
-  EXPECT_EQ(1u, owner_->cb->entry_count.load());
-}
-
 TEST_F(RecordEncoding, EveryEscapableWordHasItsOwnFlag) {
   // Timestamp high and low words, thread word, then d values around the threshold.
   write_fixed(owner_, 0, 7, 0, "ddd", 0xFF000000FFFFFFFFull, 0xFF123400u, 0xFF000000u, 0x7F000000u,
@@ -91,50 +82,14 @@ TEST_F(RecordEncoding, EveryEscapableWordHasItsOwnFlag) {
   EXPECT_EQ(0xFF040001u, ring_words(owner_, 7, 1)[0]);
 }
 
-TEST_F(RecordEncoding, WideArgumentsHighWordFirst) {
-  write_fixed(owner_, 0, 6, 0, "D", 1, 2, 0x00000001FFFFFFFFull);
-  EXPECT_EQ((std::vector<uint32_t>{0xFF100000u, 0, 1, 2, 0x00000001u, 0x7FFFFFFFu}),
-            ring_words(owner_, 0, 6));
-}
-
-TEST_F(RecordEncoding, MixedSignatureAndSkippedCharacters) {
-  write_fixed(owner_, 3, 7, QUARRY_FLAG_HAS_STRINGS, "dsD", 1, 2, 7u, "ab", 0x0000000100000002ull);
-  EXPECT_EQ((std::vector<uint32_t>{0xFF000003u, 0, 1, 2, 7, word_of("ab\0\0"), 1, 2}),
-            ring_words(owner_, 0, 8));
-  EXPECT_EQ(8u, owner_->cb->word_count.load());
-  // 'x' and '%' take no argument: the following d gets the first one.
+// Encodings the round trip through the decoder cannot reach: escaped timestamp and thread
+// words, characters without an argument, strings the flags left out, more flags than exist.
+TEST_F(RecordEncoding, SkippedCharactersAndUndeclaredStringsTakeNoWords) {
   write_fixed(owner_, 4, 5, 0, "x%d", 1, 2, 42u);
-  EXPECT_EQ((std::vector<uint32_t>{0xFF000004u, 0, 1, 2, 42}), ring_words(owner_, 8, 5));
-}
-
-TEST_F(RecordEncoding, StringsArePackedAndTerminated) {
-  write_fixed(owner_, 0, 4, QUARRY_FLAG_HAS_STRINGS, "ssss", 1, 2, "", "abc", "abcd",
-              static_cast<const char*>(nullptr));
-  EXPECT_EQ((std::vector<uint32_t>{0xFF000000u, 0, 1, 2, 0, word_of("abc\0"), word_of("abcd"), 0,
-                                   word_of("(nul"), word_of("l)\0\0")}),
-            ring_words(owner_, 0, 10));
-}
-
-TEST_F(RecordEncoding, UndeclaredStringsAreLeftOutNotOverrun) {
   // Flags say "no strings": nothing was reserved for it, so it must not be written.
   write_fixed(owner_, 0, 5, 0, "sd", 1, 2, "hello", 9u);
-  EXPECT_EQ((std::vector<uint32_t>{0xFF000000u, 0, 1, 2, 9}), ring_words(owner_, 0, 5));
-  EXPECT_EQ(5u, owner_->cb->word_count.load());
-}
-
-TEST_F(RecordEncoding, EscapeWordCarriesAllFlagsFromSixNumericWords) {
-  const uint32_t all = 0xFFFFFFFFu;
-  write_fixed(owner_, 0, 11, QUARRY_FLAG_HAS_STRINGS, "ddsdddd", 0xFFFFFFFFFFFFFFFFull, all, all,
-              all, "z", all, all, all, all);
-  std::vector<uint32_t> w = ring_words(owner_, 0, 12);
-  EXPECT_EQ(0xFFFF0000u, w[0]);                   // flags 0..7 in the header
-  EXPECT_EQ(word_of("z\0\0\0"), w[6]);            // string after the first two d words
-  EXPECT_EQ(0x1FFu, w[11]);                       // escape word after the string: nine flags
-  EXPECT_EQ(12u, owner_->cb->word_count.load());  // 11 fixed words + 1 string word
-  // Five numeric words: nine fixed words and no escape word.
-  write_fixed(owner_, 1, 9, 0, "ddddd", 1, 2, 1u, 2u, 3u, 4u, 5u);
-  EXPECT_EQ(21u, owner_->cb->word_count.load());
-  EXPECT_EQ(0xFF000001u, ring_words(owner_, 12, 1)[0]);
+  EXPECT_EQ((std::vector<uint32_t>{0xFF000000u, 0, 1, 2, 9}), ring_words(owner_, 5, 5));
+  EXPECT_EQ(10u, owner_->cb->word_count.load());
 }
 
 TEST_F(RecordEncoding, LongSignaturesAndManyFlagsStayInBounds) {
@@ -167,22 +122,6 @@ class RingEdges : public RecordEncoding {
   uint32_t size() { return load_ring(owner_->cb).size_words; }
   void place_at(uint32_t word_count) { owner_->cb->word_count.store(word_count); }
 };
-
-TEST_F(RingEdges, HeaderOnLastPositionWrapsTheBody) {
-  place_at(size() - 1);
-  write_fixed(owner_, 1, 4, 0, "", 0x0000000500000006ull, 7);
-  EXPECT_EQ(0xFF000001u, ring_words(owner_, size() - 1, 1)[0]);
-  EXPECT_EQ((std::vector<uint32_t>{5, 6, 7}), ring_words(owner_, 0, 3));
-  EXPECT_EQ(1u, owner_->cb->wraparound_count.load());
-}
-
-TEST_F(RingEdges, StringContinuesAtPositionZero) {
-  place_at(size() - 5);  // header, 3 fixed words, one word of string, rest wraps
-  write_fixed(owner_, 0, 4, QUARRY_FLAG_HAS_STRINGS, "s", 1, 2, "abcdefghij");
-  EXPECT_EQ(word_of("abcd"), ring_words(owner_, size() - 1, 1)[0]);
-  EXPECT_EQ((std::vector<uint32_t>{word_of("efgh"), word_of("ij\0\0")}), ring_words(owner_, 0, 2));
-  EXPECT_EQ(size() + 2, owner_->cb->word_count.load());
-}
 
 TEST_F(RingEdges, CrossingsAreCountedOnlyPastTheEnd) {
   owner_->cb->creation_time = 1000;

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <set>
 #include <string>
 
 #include "trace_file.h"
@@ -161,23 +160,6 @@ TEST_F(TraceFileTest, PathSuffixAndLengthRule) {
     EXPECT_EQ(l.result, trace_file_path(cb, path)) << l.length;
     EXPECT_EQ((name + l.tail).substr(0, 255), path) << l.length;
   }
-}
-
-// (header bytes + 1) mod 4 = 0 gets no fill, 1 three spaces, 2 two, 3 one: program names of
-// one to four characters give each residue once.
-TEST_F(TraceFileTest, FillForEveryResidue) {
-  circular_buffer* cb = make_buffer(dir_);
-  build_output_header(cb);
-  std::set<size_t> residues;
-  for (const char* name : {"p", "pp", "ppp", "pppp"}) {
-    strcpy(process_name, name);
-    auto file = quarry_test::parse_trace(header_of(cb));
-    ASSERT_TRUE(file.complete);
-    residues.insert(file.header.size() % 4);
-    EXPECT_EQ(std::string((4 - file.header.size() % 4) % 4, ' '), file.fill) << name;
-    EXPECT_EQ("", file.data_bytes) << name;
-  }
-  EXPECT_EQ(4u, residues.size());
 }
 
 TEST(SigsafeStrerror, GivesTheSystemTextOrAFallback) {
