@@ -53,10 +53,16 @@ def parse_ids(text, count):
 
 
 def sync_tree(work):
-    """Copies the tracked files of the repository (as they are on disk) into work/src."""
+    """Makes work/src hold exactly the tracked files of the repository, as they are on disk."""
     files = subprocess.run(["git", "ls-files", "-z"], cwd=REPO, check=True,
                            capture_output=True).stdout.decode().split("\0")
     dst_root = os.path.join(work, "src")
+    # Files no longer tracked go too, or a deleted test would still be built and run.
+    tracked = {os.path.join(dst_root, rel) for rel in files if rel}
+    for folder, _, names in os.walk(dst_root):
+        for name in names:
+            if os.path.join(folder, name) not in tracked:
+                os.remove(os.path.join(folder, name))
     for rel in filter(None, files):
         src, dst = os.path.join(REPO, rel), os.path.join(dst_root, rel)
         if not os.path.isfile(src) or os.path.islink(src):
