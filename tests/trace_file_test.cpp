@@ -1,5 +1,5 @@
-// The trace file's text: the signal-safe conversions it is built from, the open block, the path
-// with its rotation suffix and length rule, and the header sections 1 to 7 of a known buffer.
+// The trace file's text: the open block, the path with its rotation suffix and length rule, the
+// header sections 1 to 7 of a known buffer, and the signal-safe helpers they are built with.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -14,48 +14,14 @@ namespace {
 
 using quarry_test::make_buffer;
 
-// Digits end the area, refusals write nothing, and the bytes around the result stay as they were.
-TEST(Conversions, DigitsEndTheAreaAndRefusalsWriteNothing) {
-  const struct {
-    bool hex;
-    uint64_t value;
-    int32_t size;
-    const char* digits;  // null: refused
-  } cases[] = {
-      {true, 0, 32, "0"},
-      {true, 0xabcdef0123456789, 32, "abcdef0123456789"},
-      {true, 255, 3, "ff"},  // the smallest areas that fit exactly
-      {true, UINT64_MAX, 17, "ffffffffffffffff"},
-      {true, 255, 2, nullptr},
-      {true, 0x1234, 4, nullptr},
-      {false, UINT64_MAX, 22, "18446744073709551615"},
-      {false, 1234567890, 32, "1234567890"},
-      {false, 7, 21, nullptr},  // decimal always needs 22 bytes
-      {false, 7, -1, nullptr},
-  };
-  for (const auto& c : cases) {
-    char area[40];
-    memset(area, '#', sizeof area);
-    char* result = c.hex ? uint64_2_xstr(c.value, area, static_cast<uint32_t>(c.size))
-                         : uint64_2_dstr(c.value, area, c.size);
-    std::string expected(sizeof area, '#');
-    if (c.digits == nullptr) {
-      EXPECT_EQ(nullptr, result) << c.value << " in " << c.size;
-    } else {
-      size_t start = c.size - strlen(c.digits) - 1;
-      EXPECT_EQ(area + start, result) << c.digits;
-      expected.replace(start, strlen(c.digits) + 1, std::string(c.digits) + '\0');
-    }
-    EXPECT_EQ(expected, std::string(area, sizeof area)) << c.value << " in " << c.size;
-  }
-}
-
-TEST(Conversions, BoundedCopyCutsTerminatesAndPads) {
+// bounded_copy cuts, terminates and pads with NUL up to n - 1, never beyond; error texts come
+// from a constant table.
+TEST(SignalSafeText, BoundedCopyAndErrorText) {
   char area[9];
   memset(area, '#', sizeof area);
   EXPECT_EQ(area, bounded_copy(area, "abc", 3));
   EXPECT_EQ(std::string("ab\0#", 4), std::string(area, 4));
-  bounded_copy(area, "ab", 8);  // NUL up to n - 1 and no further
+  bounded_copy(area, "ab", 8);
   EXPECT_EQ(std::string("ab\0\0\0\0\0\0#", 9), std::string(area, 9));
   EXPECT_STREQ("No such file or directory", sigsafe_strerror(ENOENT));
   EXPECT_STREQ("Unknown error", sigsafe_strerror(100000));
