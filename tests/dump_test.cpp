@@ -89,11 +89,8 @@ TEST_F(DumpTest, DumpsOfOneBuffer) {
     ASSERT_EQ(0, quarry_dump(handle_));
     auto file = read_trace(file_of(cb));
     ASSERT_TRUE(file.complete);
-    EXPECT_EQ(0u, (file.header.size() + file.fill.size()) % 4);
     EXPECT_EQ(c.expected_words * 4, file.data_bytes.size()) << c.word_count;
     EXPECT_EQ(first_words(c.expected_words), file.data());
-    EXPECT_EQ("400", file.value("BUFFER_SIZE"));
-    EXPECT_EQ(c.word_count, file.hex("WORD_COUNT"));
     EXPECT_NE(0u, file.hex("CLOCK_TIME_Z_SEC"));
   }
   umask(previous_umask);
