@@ -1,7 +1,6 @@
-// Proof that the dump path is async-signal-safe: while a dump runs on a watched thread, any
-// allocation, lock, stdio call or strerror is a violation. malloc and its family are replaced
-// (so the C library's own allocations count too, except under a sanitizer's allocator); calls
-// from the linked objects are caught through the linker's --wrap (tests/extra_tests.cmake).
+// Proof that the dump path is async-signal-safe: on a watched thread, any allocation, lock, stdio
+// call or strerror is a violation. malloc is replaced (except under a sanitizer's allocator) so
+// the C library's own allocations count too; the linked objects' calls are caught by --wrap.
 #include <dirent.h>
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -143,6 +142,7 @@ TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
   ASSERT_TRUE(quarry_test::make_unwritable(unwritable->cb));
   quarry_set_dump_on_exit(unwritable, false);
   circular_buffer* cb = parent->cb;
+  char* const open_block = cb->output_header;
   cb->output_header = nullptr;
 
   std::atomic<int> stage{0};
@@ -169,6 +169,7 @@ TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
   const std::string reports = testing::internal::GetCapturedStdout();
   stage = 2;
   holder.join();
+  cb->output_header = open_block;
   EXPECT_EQ("none", violation);
 
   // The dumps really ran: the file is complete, and each dump of the unwritable buffer reported.
