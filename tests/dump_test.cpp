@@ -1,7 +1,6 @@
-// Dumping: the file of one buffer (data length before and after a wrap, mode, overwrite), all
-// buffers (order, failures), the exit dump, and every failure report and result code. The
-// executable is linked with --wrap=write so that a chosen write(2) of a dump can be made to
-// fail.
+// Dumping: the file of one buffer (data before and after a wrap, mode, overwrite), all buffers,
+// the ring held for a crash dump, and the report and result of every failure.
+// Linked with --wrap=write so that a chosen write(2) of a dump can be made to fail.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -33,45 +32,45 @@ extern "C" ssize_t __wrap_write(int fd, const void* buf, size_t count) {
 
 namespace {
 
-using quarry_test::file_exists;
 using quarry_test::make_unwritable;
 using quarry_test::read_file;
 using quarry_test::read_trace;
-using quarry_test::set_words;
 
 constexpr char kOpenFailed[] = "quarry abort handler: unable to open trace file ";
 
+std::vector<uint32_t> counting_words() {
+  std::vector<uint32_t> words;
+  for (uint32_t i = 0; i < 1024; ++i) words.push_back(0x11 + i * 0x01010101u);
+  return words;
+}
+
 class DumpTest : public quarry_test::LibraryStateTest {
  protected:
-  // A buffer in its own fresh directory, with its open block and one handle.
+  // A buffer in its own fresh directory, with its open block, one handle and counting words.
   circular_buffer* buffer(const std::string& name) {
     circular_buffer* cb = quarry_test::make_buffer(quarry_test::make_dir(name));
     build_output_header(cb);
     handle_ = quarry_test::add_handle(cb, name.c_str(),
                                       ("QUARRY_DECODE_REF " + name + " \"x.dec\" 0.1.t\n").c_str());
+    quarry_test::set_words(cb, words_);
     return cb;
   }
   static std::string file_of(circular_buffer* cb) {
     return std::string(cb->output_file_name) + "_0.trc";
   }
+  std::vector<uint32_t> first_words(size_t n) const {
+    return std::vector<uint32_t>(words_.begin(), words_.begin() + n);
+  }
 
   quarry_handle* handle_ = nullptr;
+  const std::vector<uint32_t> words_ = counting_words();
 };
 
-std::vector<uint32_t> counting_words(uint32_t count, uint32_t seed) {
-  std::vector<uint32_t> words;
-  for (uint32_t i = 0; i < count; ++i) words.push_back(seed + i * 0x01010101u);
-  return words;
-}
-
-// quarry_dump of one buffer, again and again: each dump samples the clock pair, writes the part
-// of the ring that holds data and overwrites the previous file whole; the file gets mode 0666
-// whatever the umask (which is put back). A buffer whose open block could not be allocated
-// gets it formatted at dump time from the same state the open used.
+// quarry_dump of one buffer, again and again: each dump samples the clock, writes the part of
+// the ring that holds data and overwrites the previous file whole, with mode 0666 whatever the
+// umask.
 TEST_F(DumpTest, DumpsOfOneBuffer) {
   circular_buffer* cb = buffer("data");
-  const auto words = counting_words(1024, 0x11);
-  set_words(cb, words);
   const struct {
     uint32_t word_count;
     size_t expected_words;
@@ -90,36 +89,29 @@ TEST_F(DumpTest, DumpsOfOneBuffer) {
     ASSERT_EQ(0, quarry_dump(handle_));
     auto file = read_trace(file_of(cb));
     ASSERT_TRUE(file.complete);
-    EXPECT_EQ(0u, (file.header.size() + file.fill.size()) % 4);
     EXPECT_EQ(c.expected_words * 4, file.data_bytes.size()) << c.word_count;
-    EXPECT_EQ(std::vector<uint32_t>(words.begin(), words.begin() + c.expected_words), file.data());
-    EXPECT_EQ("400", file.value("BUFFER_SIZE"));
-    EXPECT_EQ(c.word_count, file.hex("WORD_COUNT"));
+    EXPECT_EQ(first_words(c.expected_words), file.data());
     EXPECT_NE(0u, file.hex("CLOCK_TIME_Z_SEC"));
   }
-  EXPECT_EQ(022u, umask(previous_umask));
+  umask(previous_umask);
   struct stat st;
   ASSERT_EQ(0, stat(file_of(cb).c_str(), &st));
   EXPECT_EQ(0666u, st.st_mode & 0777);
-
-  const std::string built = static_cast<char*>(quarry_test::kept(cb->output_header));
-  cb->output_header = nullptr;
-  ASSERT_EQ(0, quarry_dump(handle_));
-  std::string bytes = read_file(file_of(cb));
-  EXPECT_EQ(built, bytes.substr(0, built.size()));
-  EXPECT_EQ(std::vector<uint32_t>(words.begin(), words.begin() + 3),
-            quarry_test::parse_trace(bytes).data());
 }
 
-// No buffer: 0 and nothing written, the clock sample taken all the same. Three buffers, the
-// middle one failing: -1, the report, and the other two written.
-TEST_F(DumpTest, DumpAllGoesOnAfterAFailureAndReportsIt) {
-  time_omega = {};
+// Failed opens are reported, cut at 255 characters; a path with no room for ".trc" is refused.
+// quarry_dump_all dumps the newest buffer first, goes on after a failure and returns -1.
+TEST_F(DumpTest, FailedOpensAreReportedAndDumpAllGoesOn) {
+  circular_buffer* overlong = buffer("long");
+  const std::string name = overlong->output_file_name + std::string(300, 'q');
+  overlong->output_file_name = quarry_test::kept_string(name);
   testing::internal::CaptureStdout();
-  EXPECT_EQ(0, quarry_dump_all());
-  EXPECT_EQ("", testing::internal::GetCapturedStdout());
-  EXPECT_NE(0, time_omega.mono_sec + time_omega.mono_nsec);
+  EXPECT_EQ(1, quarry_dump(handle_));
+  EXPECT_EQ((kOpenFailed + name).substr(0, 255), testing::internal::GetCapturedStdout());
 
+  time_omega = {};
+  EXPECT_EQ(0, quarry_dump_all());  // no buffer yet: nothing, but the clock sample
+  EXPECT_NE(0, time_omega.mono_sec + time_omega.mono_nsec);
   circular_buffer* oldest = buffer("first");
   circular_buffer* middle = buffer("second");
   circular_buffer* newest = buffer("third");
@@ -127,92 +119,35 @@ TEST_F(DumpTest, DumpAllGoesOnAfterAFailureAndReportsIt) {
     cb->next.store(circular_buffer_list.load());
     circular_buffer_list.store(cb);
   }
-  ASSERT_TRUE(make_unwritable(middle));
-  const std::string not_a_dir = " (Not a directory)";
-
+  ASSERT_TRUE(make_unwritable(middle) && make_unwritable(oldest));
   testing::internal::CaptureStdout();
   EXPECT_EQ(-1, quarry_dump_all());
-  EXPECT_EQ(kOpenFailed + file_of(middle) + not_a_dir, testing::internal::GetCapturedStdout());
-  EXPECT_TRUE(read_trace(file_of(oldest)).complete);
-  EXPECT_TRUE(read_trace(file_of(newest)).complete);
-
-  // With every open failing, the reports show the order: newest buffer first.
-  ASSERT_TRUE(make_unwritable(oldest) && make_unwritable(newest));
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(-1, quarry_dump_all());
-  EXPECT_EQ(kOpenFailed + file_of(newest) + not_a_dir + kOpenFailed + file_of(middle) + not_a_dir +
-                kOpenFailed + file_of(oldest) + not_a_dir,
+  EXPECT_EQ(kOpenFailed + file_of(middle) + " (Not a directory)" + kOpenFailed + file_of(oldest) +
+                " (Not a directory)",
             testing::internal::GetCapturedStdout());
-}
-
-// In a child: the initialisation registers the exit dump; the buffer whose dump_on_exit was
-// cleared stays unwritten, the other (parent and child handles in one file) is written.
-[[noreturn]] void open_and_exit() {
-  // Registered before the library's exit dump, so it runs right after it and leaves without
-  // the test harness removing the files the parent checks.
-  atexit([] { _exit(0); });
-  quarry_set_process_name("exit_host");
-  quarry_handle *parent = nullptr, *child = nullptr, *quiet = nullptr;
-  if (quarry_open_internal(&parent, "main", 4096, 4, "main.dec", "a", nullptr) != 0 ||
-      quarry_open_internal(&child, "sub", 0, 2, "sub.dec", "b", parent) != 0 ||
-      quarry_open_internal(&quiet, "quiet", 4096, 1, "q.dec", "c", nullptr) != 0) {
-    _exit(3);
-  }
-  quarry_set_dump_on_exit(quiet, false);
-  QUARRY_TRACE(child, 1, "d", 5);
-  exit(0);
-}
-
-TEST(ExitDump, SkipsBuffersThatOptedOut) {
-  const std::string dir = quarry_test::base_dir() + "exit_host/";
-  EXPECT_EXIT(open_and_exit(), ::testing::ExitedWithCode(0), "");
-  auto file = read_trace(dir + "main/quarry_0.trc");
-  ASSERT_TRUE(file.complete);
-  EXPECT_EQ(2u, file.items.count("QUARRY_DECODE_REF"));  // parent and child
-  EXPECT_EQ(5u * 4, file.data_bytes.size());
-  EXPECT_FALSE(file_exists(dir + "quiet/quarry_0.trc"));
-}
-
-TEST_F(DumpTest, OverlongNamesAreRefusedAndReportsCutAt255) {
-  // A path that cannot take ".trc" within 255 characters is refused with the open report.
-  circular_buffer* cb = buffer("long");
-  std::string name = cb->output_file_name + std::string(300, 'q');
-  cb->output_file_name = quarry_test::kept_string(name);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(1, quarry_dump(handle_));
-  EXPECT_EQ((kOpenFailed + name).substr(0, 255), testing::internal::GetCapturedStdout());
-
-  // A path within the limit whose open fails: the report with its error text, cut at 255.
-  std::string blocker = quarry_test::base_dir() + "blocker";
-  quarry_test::write_file(blocker, "");
-  name = blocker + "/" + std::string(180, 'd') + "/quarry";
-  cb->output_file_name = quarry_test::kept_string(name);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(1, quarry_dump(handle_));
-  std::string full = kOpenFailed + name + "_0.trc (Not a directory)";
-  ASSERT_GT(full.size(), 255u);
-  EXPECT_EQ(full.substr(0, 255), testing::internal::GetCapturedStdout());
+  EXPECT_TRUE(read_trace(file_of(newest)).complete);
 }
 
 // Every write of a dump, made to fail in turn: the result code, the report, and whether the
 // dump went on to write the data.
-struct write_failure {
-  int write_index;  // 1-based among the dump's writes; 0 stands for the data write (the last)
-  int result;
-  const char* report;  // after "quarry abort handler: unable to write ", before the path;
-                       // null: "QUARRY_HEADER_DUMP: write failed" on standard error instead
-  bool with_error_text;
-  bool data_written;
-};
-void PrintTo(const write_failure& f, std::ostream* os) {
-  *os << "failing write " << f.write_index << " (0: the data)";
-}
-
-class DumpWriteFailureTest : public DumpTest,
-                             public ::testing::WithParamInterface<write_failure> {};
-
-TEST_P(DumpWriteFailureTest, ReportsAndResult) {
-  const write_failure& f = GetParam();
+TEST_F(DumpTest, EveryWriteFailureHasItsReportAndResult) {
+  const struct {
+    int write_index;  // 1-based among the dump's writes; 0 stands for the data write (the last)
+    int result;
+    const char* report;  // between "unable to write " and the path; null: on standard error
+    bool with_error_text;
+    bool data_written;
+  } failures[] = {
+      {1, 1, "header to trace file ", true, false},
+      {2, 1, "omega time to trace file ", true, false},
+      {3, 1, "program name to trace file ", true, false},
+      {4, -2, "base offsets to trace file ", true, false},
+      {5, -2, "base offsets to trace file ", true, false},
+      {6, -3, "thread id-to-name mapping", true, false},
+      {7, 0, "termination reason to header", true, true},
+      {8, 0, nullptr, false, true},
+      {0, 1, "data to trace file ", false, false},
+  };
   circular_buffer* cb = buffer("fail");
   strcpy(process_name, "p");
   quarry_test::add_handle(cb, "fail/second", "QUARRY_DECODE_REF fail/second \"y.dec\" 2.2.t\n");
@@ -220,62 +155,82 @@ TEST_P(DumpWriteFailureTest, ReportsAndResult) {
   crash_handled = 1;
   crash_sender_pid = 9;
   crash_signal = 15;
-  set_words(cb, counting_words(16, 3));
   cb->word_count = 16;
 
   // A clean run counts the dump's writes: open block, omega, name, two references, thread,
-  // reason, empty line, fill (when needed), data. Both runs use one time sample, so that
-  // their files compare byte for byte.
+  // reason, empty line, fill (when needed), data. One time sample for all runs, so that their
+  // files compare byte for byte.
   take_time_sample(&time_omega);
   g_writes = 0;
   g_fail_at = -1;
   ASSERT_EQ(0, dump_circular_buffer(cb));
   const int total_writes = g_writes.load();
   const std::string clean = read_file(file_of(cb));
+  const std::string data = clean.substr(clean.size() - 16 * 4);
   ASSERT_TRUE(total_writes == 9 || total_writes == 10) << total_writes;
 
-  const int index = f.write_index == 0 ? total_writes : f.write_index;
-  g_writes = 0;
-  g_fail_at = index;
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(f.result, dump_circular_buffer(cb));
-  std::string out = testing::internal::GetCapturedStdout();
-  std::string err = testing::internal::GetCapturedStderr();
-  const int writes_made = g_writes.load();
-  g_fail_at = 0;
-  if (f.report == nullptr) {
-    EXPECT_EQ("", out);
-    EXPECT_EQ("QUARRY_HEADER_DUMP: write failed", err);
-  } else {
-    EXPECT_EQ(std::string("quarry abort handler: unable to write ") + f.report + file_of(cb) +
-                  (f.with_error_text ? " (Input/output error)" : ""),
+  for (const auto& f : failures) {
+    const int index = f.write_index == 0 ? total_writes : f.write_index;
+    SCOPED_TRACE("failing write " + std::to_string(index));
+    g_writes = 0;
+    g_fail_at = index;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(f.result, dump_circular_buffer(cb));
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(f.report ? "" : "QUARRY_HEADER_DUMP: write failed",
+              testing::internal::GetCapturedStderr());
+    g_fail_at = 0;
+    EXPECT_EQ(f.report ? "quarry abort handler: unable to write " + (f.report + file_of(cb)) +
+                             (f.with_error_text ? " (Input/output error)" : "")
+                       : "",
               out);
-    EXPECT_EQ("", err);
+    const std::string bytes = read_file(file_of(cb));
+    if (f.result != 0) {
+      // Stopped at the failure: nothing written after it, the file holds what came before.
+      EXPECT_EQ(index, g_writes.load());
+      EXPECT_EQ(clean.substr(0, bytes.size()), bytes);
+    }
+    EXPECT_EQ(f.data_written,
+              bytes.size() >= data.size() && bytes.substr(bytes.size() - data.size()) == data);
   }
-
-  std::string bytes = read_file(file_of(cb));
-  if (f.result != 0) {
-    // Stopped at the failure: nothing written after it, the file holds what came before.
-    EXPECT_EQ(index, writes_made);
-    EXPECT_EQ(clean.substr(0, bytes.size()), bytes);
-  }
-  const std::string data = clean.substr(clean.size() - 16 * 4);
-  EXPECT_EQ(f.data_written,
-            bytes.size() >= data.size() && bytes.substr(bytes.size() - data.size()) == data);
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryWrite, DumpWriteFailureTest,
-                         ::testing::ValuesIn(std::vector<write_failure>{
-                             {1, 1, "header to trace file ", true, false},
-                             {2, 1, "omega time to trace file ", true, false},
-                             {3, 1, "program name to trace file ", true, false},
-                             {4, -2, "base offsets to trace file ", true, false},
-                             {5, -2, "base offsets to trace file ", true, false},
-                             {6, -3, "thread id-to-name mapping", true, false},
-                             {7, 0, "termination reason to header", true, true},
-                             {8, 0, nullptr, false, true},
-                             {0, 1, "data to trace file ", false, false},
-                         }));
+std::vector<uint32_t> words_of(const ring_view& ring) {
+  std::vector<uint32_t> words(ring.size_words);
+  for (uint32_t i = 0; i < ring.size_words; ++i) words[i] = ring.buffer[i].load();
+  return words;
+}
+
+// Holding a buffer's ring for a crash dump: records written meanwhile leave the held words
+// alone, the dump sees exactly the held words and count, and releasing puts the ring back with
+// the words reserved meanwhile cleared.
+TEST(CrashHold, HeldWordsStayWhileRecordsGoOnAndReleaseClearsTheGap) {
+  quarry_handle* h = nullptr;
+  ASSERT_EQ(0, quarry_open_internal(&h, "held", 16384, 1, "h.dec", "1", nullptr));
+  circular_buffer* cb = h->cb;
+  for (uint32_t i = 0; i < 3000; ++i) QUARRY_TRACE(h, 0, "dD", i, 7ull << 40);
+  const ring_view real = load_ring(cb);
+  const uint32_t count = cb->word_count.load();
+  const std::vector<uint32_t> before = words_of(real);
+
+  hold_ring(cb);
+  hold_ring(cb);  // a second crash handler changes nothing
+  for (uint32_t i = 0; i < 100; ++i) QUARRY_TRACE(h, 0, "s", "while held");
+  EXPECT_TRUE(is_scratch_ring(load_ring(cb)));
+  EXPECT_EQ(before, words_of(real));
+  EXPECT_EQ(real.buffer, dump_ring(cb).buffer);
+  EXPECT_EQ(count, dump_word_count(cb));
+  EXPECT_EQ(0, set_circular_buffer_size(cb, 65536));  // no growth out of the scratch ring
+  EXPECT_TRUE(is_scratch_ring(load_ring(cb)));
+
+  release_ring(cb);
+  const uint32_t after = cb->word_count.load();
+  EXPECT_EQ(real.buffer, load_ring(cb).buffer);
+  EXPECT_EQ(after, dump_word_count(cb));
+  std::vector<uint32_t> expected = before;
+  for (uint32_t at = count; at != after; ++at) expected[at & (real.size_words - 1)] = 0;
+  EXPECT_EQ(expected, words_of(real));
+}
 
 }  // namespace

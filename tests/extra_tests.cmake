@@ -9,9 +9,8 @@ endif()
 # objects make while a dump runs on the watched thread.
 if(TARGET dump_sigsafe_test)
   set(QUARRY_SIGSAFE_WRAPPED
-    malloc calloc realloc free aligned_alloc _Znwm
-    pthread_mutex_lock pthread_mutex_trylock pthread_rwlock_rdlock pthread_rwlock_wrlock sem_wait
-    fopen fwrite fputs puts printf fprintf snprintf vfprintf vsnprintf
+    malloc calloc realloc free aligned_alloc pthread_mutex_lock pthread_mutex_trylock
+    fopen fwrite fputs printf fprintf snprintf vfprintf vsnprintf
     perror strerror strerror_r opendir)
   list(TRANSFORM QUARRY_SIGSAFE_WRAPPED PREPEND "-Wl,--wrap=")
   target_link_options(dump_sigsafe_test PRIVATE ${QUARRY_SIGSAFE_WRAPPED})
