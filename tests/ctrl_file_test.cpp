@@ -7,16 +7,14 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ctrl_file.h"
 #include "gtest/gtest.h"
 #include "live_test_support.h"
-#include "ring.h"
-#include "test_support.h"
 
 // A failing MAX_SIZE needs an allocation that returns null under the sanitizers' allocators.
 extern "C" const char* __asan_default_options() {
@@ -55,10 +53,6 @@ void set_mtime(const std::string& path, time_t seconds) {
   ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), times, 0));
 }
 
-int latest_in(const std::string& dir) {
-  return latest_file_loop_index((dir + "quarry").c_str());
-}
-
 // The tokens of `text` in order, then "<-1>" or "<-2>" for the result that ended the walk;
 // the end of the line leaves the position as it was and the line as it was given.
 Strings tokens(const char* text) {
@@ -90,22 +84,20 @@ TEST(NextCtrlToken, SplitsOnWhitespaceAndKeepsQuotedTokensWhole) {
 TEST(LatestFileLoopIndex, PathsAndEqualTimes) {
   EXPECT_EQ(-1, latest_file_loop_index("quarry"));
   EXPECT_EQ(-1, latest_file_loop_index("/quarry"));  // the only '/' is at position 0
-  EXPECT_EQ(0, latest_in(base_dir() + "missing/"));
+  EXPECT_EQ(0, latest_file_loop_index((base_dir() + "missing/quarry").c_str()));
   // Among equal times the first file read stays.
   std::string equal = make_dir("rot_equal");
   for (const char* name : {"quarry_2.trc", "quarry_7.trc", "quarry_5.trc"}) {
     set_mtime(equal + name, 1000);
   }
-  int first_read = -1;
   DIR* d = opendir(equal.c_str());
   ASSERT_NE(nullptr, d);
-  while (struct dirent* entry = readdir(d)) {
-    if (first_read < 0 && strncmp(entry->d_name, "quarry_", 7) == 0) {
-      first_read = atoi(entry->d_name + 7);
-    }
+  struct dirent* first;
+  while ((first = readdir(d)) != nullptr && first->d_name[0] != 'q') {
   }
+  ASSERT_NE(nullptr, first);
+  EXPECT_EQ(atoi(first->d_name + 7), latest_file_loop_index((equal + "quarry").c_str()));
   closedir(d);
-  EXPECT_EQ(first_read, latest_in(equal));
 }
 
 TEST(WriteCtrlFile, ByteForByteInTheTableOrder) {
@@ -131,126 +123,111 @@ TEST(WriteCtrlFile, ByteForByteInTheTableOrder) {
             written(owner));
 }
 
-TEST(WriteCtrlFile, UnopenableFile) {
-  quarry_handle* handle = open_handle("unopenable");
+TEST(WriteCtrlFile, UnopenableFileFailsBothWays) {
+  circular_buffer* cb = open_handle("unopenable")->cb;
+  EXPECT_EQ(1, parse_ctrl_file(cb, 1));  // never written: nothing to read
   write_file(base_dir() + "blocker", "");
   std::string through_file = base_dir() + "blocker/quarry.ctrl";
-  char* real_name = handle->cb->ctrl_file_name;
-  handle->cb->ctrl_file_name = &through_file[0];
-  EXPECT_EQ(1, write_ctrl_file(handle->cb));
-  EXPECT_EQ(1, parse_ctrl_file(handle->cb, 1));
-  handle->cb->ctrl_file_name = real_name;
-  EXPECT_EQ(1, parse_ctrl_file(handle->cb, 1));  // never written: nothing to read
+  char* real_name = std::exchange(cb->ctrl_file_name, &through_file[0]);
+  EXPECT_EQ(1, write_ctrl_file(cb));
+  EXPECT_EQ(1, parse_ctrl_file(cb, 1));
+  cb->ctrl_file_name = real_name;
 }
 
-TEST(ParseCtrlFile, SwitchesByKeywordAndName) {
+// Texts applied in order to one buffer, "sw" with its child "sw/kid": the switches of both,
+// the size and the number of dumps each leaves.
+TEST(ParseCtrlFile, TextsApplyInOrder) {
   quarry_handle* owner = open_handle("sw");
   quarry_handle* child = open_handle("kid", 4096, owner);
   quarry_handle* other = open_handle("sw_other");
-  EXPECT_EQ(0, parse_text(owner,
-                          "NOTRACE sw\n"
-                          "PIPE sw/kid\n"
-                          "   NOTRACE sw/kid   trailing words\n"  // leading space, extra tokens
-                          "NOTRACE sw_other\n"                    // a handle of another buffer
-                          "NOTRACE nobody\n"
-                          "notrace sw\n",  // keywords are case-sensitive
-                          0));
-  EXPECT_EQ("NOTRACE NOPIPE", switches(owner));
-  EXPECT_EQ("NOTRACE PIPE", switches(child));
-  EXPECT_EQ("TRACE NOPIPE", switches(other));
-
-  EXPECT_EQ(0, parse_text(owner,
-                          "#TRACE sw\n"      // a comment
-                          "TRACE \"sw\"\n"   // quotes stay in the name: no such handle
-                          "TRACE\n"          // no value
-                          "PIPE \"sw/kid\n"  // unterminated quote
-                          "TRACE sw/kid\n"
-                          "NOPIPE sw/kid\n"
-                          "PIPE sw\n"
-                          "NOPIPE sw",  // last line without a newline; later lines win
-                          0));
-  EXPECT_EQ("NOTRACE NOPIPE", switches(owner));
-  EXPECT_EQ("TRACE NOPIPE", switches(child));
-
-  // Lines are read in 1023-byte parts: the first part of each line below holds "FOO" or a
-  // comment and nothing else, and the rest is read as a line of its own.
-  EXPECT_EQ(0, parse_text(owner,
-                          "FOO" + std::string(1020, ' ') + "PIPE sw\n" + "#" +
-                              std::string(1022, 'x') + "NOTRACE sw/kid\n",
-                          0));
-  EXPECT_EQ("NOTRACE PIPE", switches(owner));
-  EXPECT_EQ("NOTRACE NOPIPE", switches(child));
-}
-
-TEST(ParseCtrlFile, MaxSizeOnlyGrows) {
-  quarry_handle* handle = open_handle("sizes");
-  ASSERT_EQ(4096u, size_bytes(handle));
-  EXPECT_EQ(0, parse_text(handle, "MAX_SIZE 5000\n", 0));
-  EXPECT_EQ(8192u, size_bytes(handle));
-  EXPECT_EQ(0, parse_text(handle, "MAX_SIZE 4096\nMAX_SIZE -5\nMAX_SIZE junk\n", 0));
-  EXPECT_EQ(8192u, size_bytes(handle));
-  EXPECT_EQ(0, parse_text(handle, "MAX_SIZE 8388608\n", 0));  // above the open's 4 MiB limit
-  EXPECT_EQ(8388608u, size_bytes(handle));
-  // The next rewrite shows the size the buffer really has.
-  EXPECT_EQ(0, parse_text(handle, "MAX_SIZE 100\n", 0));
-  EXPECT_EQ(0u, written(handle).find("MAX_SIZE 8388608\n"));
-}
-
-TEST(ParseCtrlFile, DumpOnRequestAndForAnUnchangedFile) {
-  quarry_handle* owner = open_handle("dumps", 16384);
-  quarry_handle* child = open_handle("c", 4096, owner);
   dump_counter dumps(buffer_dir(owner));
-  // Not "on", a lower-case keyword, or dumps not allowed: no dump.
-  EXPECT_EQ(0, parse_text(owner, "DUMP off\nDUMP 1\ndump on\nDUMP\n", 1));
-  EXPECT_EQ(0, parse_text(owner, "DUMP on\n", 0));
-  EXPECT_EQ(0, dumps.count());
-  // Any number of requests, in any letter case, give one dump; a last line without a newline
-  // counts.
-  EXPECT_EQ(0, parse_text(owner, "DUMP On\nNOTRACE dumps/c\nPIPE dumps/c\nDUMP oN", 1));
-  EXPECT_EQ(1, dumps.count());
-  // Reading back an unchanged file as written changes nothing, and dumps.
+  const struct {
+    std::string text;
+    int allow_dump;
+    const char* switches;  // the owner's, then the child's
+    uint32_t size;
+    int dumps;
+  } steps[] = {
+      {"NOTRACE sw\n"
+       "PIPE sw/kid\n"
+       "   NOTRACE sw/kid   trailing words\n"  // leading space, extra tokens
+       "NOTRACE sw_other\n"                    // a handle of another buffer
+       "NOTRACE nobody\n"
+       "trace sw\n",  // keywords are case-sensitive
+       0, "NOTRACE NOPIPE, NOTRACE PIPE", 4096, 0},
+      {"#TRACE sw\n"      // a comment
+       "TRACE \"sw\"\n"   // quotes stay in the name: no such handle
+       "TRACE\n"          // no value
+       "PIPE \"sw/kid\n"  // unterminated quote
+       "TRACE sw/kid\n"
+       "NOPIPE sw/kid\n"
+       "PIPE sw\n"
+       "NOPIPE sw",  // last line without a newline; later lines win
+       0, "NOTRACE NOPIPE, TRACE NOPIPE", 4096, 0},
+      // Lines are read in 1023-byte parts: the first part of each line holds "FOO" or a
+      // comment and nothing else, and the rest is read as a line of its own.
+      {"FOO" + std::string(1020, ' ') + "PIPE sw\n#" + std::string(1022, 'x') + "NOTRACE sw/kid\n",
+       0, "NOTRACE PIPE, NOTRACE NOPIPE", 4096, 0},
+      // No dump for a value other than "on", a lower-case keyword, or dumps not allowed.
+      {"DUMP off\nDUMP 1\ndump on\nDUMP\n", 1, "NOTRACE PIPE, NOTRACE NOPIPE", 4096, 0},
+      {"DUMP on\n", 0, "NOTRACE PIPE, NOTRACE NOPIPE", 4096, 0},
+      // Any number of requests in any letter case give one dump, also on a last line without
+      // a newline.
+      {"DUMP On\nTRACE sw/kid\nPIPE sw/kid\nDUMP oN", 1, "NOTRACE PIPE, TRACE PIPE", 4096, 1},
+      // The size only grows, also beyond the open's 4 MiB limit.
+      {"MAX_SIZE 5000\nMAX_SIZE 4096\nMAX_SIZE -5\nMAX_SIZE junk\n", 0, "NOTRACE PIPE, TRACE PIPE",
+       8192, 1},
+      {"MAX_SIZE 8388608\nMAX_SIZE 100\n", 0, "NOTRACE PIPE, TRACE PIPE", 8388608, 1},
+  };
+  for (size_t i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
+    EXPECT_EQ(0, parse_text(owner, steps[i].text, steps[i].allow_dump)) << i;
+    EXPECT_EQ(steps[i].switches, switches(owner) + ", " + switches(child)) << i;
+    EXPECT_EQ(steps[i].size, size_bytes(owner)) << i;
+    EXPECT_EQ(steps[i].dumps, dumps.count()) << i;
+  }
+  EXPECT_TRUE(quarry_is_enabled(other));
+  // The file as written shows the real size; read back, it changes nothing and dumps.
   std::string text = written(owner);
+  EXPECT_EQ(0u, text.find("MAX_SIZE 8388608\n"));
   EXPECT_EQ(0, parse_ctrl_file(owner->cb, 1));
   EXPECT_EQ(2, dumps.count());
-  EXPECT_EQ("TRACE NOPIPE", switches(owner));
-  EXPECT_EQ("NOTRACE PIPE", switches(child));
-  EXPECT_EQ(16384u, size_bytes(owner));
   EXPECT_EQ(text, written(owner));
 }
 
 TEST(ParseCtrlFile, FileLoopCountAgainstRotatedFiles) {
   quarry_handle* handle = open_handle("rotation");
   circular_buffer* cb = handle->cb;
-  auto expect_loop = [&](const std::string& value, int count, int index) {
-    EXPECT_EQ(0, parse_text(handle, "FILE_LOOP_COUNT " + value + "\n", 0)) << value;
-    EXPECT_EQ(count, cb->file_loop_count) << value;
-    EXPECT_EQ(index, cb->file_loop_index) << value;
+  // Each step adds a rotated file (unless the name is empty) and then applies the count.
+  const struct {
+    const char* file;
+    time_t mtime;
+    const char* value;
+    int count, index;
+  } steps[] = {
+      {"", 0, "4", 4, 1},  // no rotated file yet: the next index is 1
+      {"quarry_3.trc", 2000000000, "4", 4, 0},
+      {"quarry_1.trc", 1000000000, "5", 5, 4},  // older: 3 stays the latest
+      // Not of the "quarry_" form: ignored, however new.
+      {"quarryx_7.trc", 2050000000, "5", 5, 4},
+      {"other_9.trc", 2050000000, "5", 5, 4},
+      {"", 0, "9\nFILE_LOOP_COUNT many", 2, 0},  // 0 or text that is no number: 2
+      // Negative counts give a remainder in [0, |count|) and never trap.
+      {"", 0, "-3", -3, 1},
+      // The index is the digits up to the first other character; no digits give 0.
+      {"quarry_12x.trc", 2060000000, "5", 5, 3},
+      {"quarry_abc.trc", 2070000000, "5", 5, 1},
+      // A number that exceeds int saturates; that index plus one, against INT_MIN and INT_MAX.
+      {"quarry_99999999999.trc", 2100000000, "-2147483648", INT_MIN, 0},
+      {"", 0, "2147483647", INT_MAX, 1},
+      {"", 0, "-1", -1, 0},
+      {"", 0, "5", 5, 3},  // 2147483648 rem 5
   };
-  expect_loop("4", 4, 1);  // no rotated file yet: the next index is 1
-  std::string dir = buffer_dir(handle);
-  set_mtime(dir + "quarry_3.trc", 2000000000);
-  set_mtime(dir + "quarry_1.trc", 1000000000);
-  for (const char* other : {"quarryx_7.trc", "other_9.trc", "quarry.pipe"}) {
-    set_mtime(dir + other, 2050000000);  // not of the "quarry_" form: ignored, however new
+  for (const auto& step : steps) {
+    if (*step.file != '\0') set_mtime(buffer_dir(handle) + step.file, step.mtime);
+    EXPECT_EQ(0, parse_text(handle, std::string("FILE_LOOP_COUNT ") + step.value + "\n", 0));
+    EXPECT_EQ(step.count, cb->file_loop_count) << step.file << " " << step.value;
+    EXPECT_EQ(step.index, cb->file_loop_index) << step.file << " " << step.value;
   }
-  expect_loop("4", 4, 0);
-  expect_loop("5", 5, 4);
-  expect_loop("0", 2, 0);  // 0 and text that is no number both mean 2
-  expect_loop("9\nFILE_LOOP_COUNT many", 2, 0);
-  // Negative counts give a remainder in [0, |count|) and never trap.
-  expect_loop("-3", -3, 1);
-  expect_loop("-1", -1, 0);
-  // The index is the digits up to the first other character; no digits give 0.
-  set_mtime(dir + "quarry_12x.trc", 2060000000);
-  EXPECT_EQ(12, latest_file_loop_index(cb->output_file_name));
-  set_mtime(dir + "quarry_abc.trc", 2070000000);
-  EXPECT_EQ(0, latest_file_loop_index(cb->output_file_name));
-  // A name whose number exceeds int saturates; that index plus one, against INT_MIN and INT_MAX.
-  set_mtime(dir + "quarry_99999999999.trc", 2100000000);
-  EXPECT_EQ(INT_MAX, latest_file_loop_index(cb->output_file_name));
-  expect_loop("-2147483648", INT_MIN, 0);
-  expect_loop("2147483647", INT_MAX, 1);
-  expect_loop("5", 5, 3);  // 2147483648 rem 5
 }
 
 TEST(ParseCtrlFile, FailingMaxSizeStopsTheReading) {
