@@ -89,8 +89,8 @@ TEST(ParseCtrlFile, TextsApplyInOrder) {
        0, "NOTRACE NOPIPE, NOTRACE PIPE", 4096, 0},
       // A comment, a quoted name (the quotes stay: no such handle), no value, an unterminated
       // quote; later lines win, also a last line without a newline.
-      {"#TRACE sw\nTRACE \"sw\"\nTRACE\nPIPE \"sw/kid\nTRACE sw/kid\n"
-       "NOPIPE sw/kid\nPIPE sw\nNOPIPE sw",
+      {"#TRACE sw\nTRACE \"sw\"\nTRACE\nTRACE sw/kid\nNOPIPE sw/kid\n"
+       "PIPE \"sw/kid\nPIPE sw\nNOPIPE sw",
        0, "NOTRACE NOPIPE, TRACE NOPIPE", 4096, 0},
       // Lines are read in 1023-byte parts: the first part of each line holds "FOO" or a
       // comment and nothing else, and the rest is read as a line of its own.
