@@ -121,6 +121,23 @@ TEST(ParseCtrlFile, TextsApplyInOrder) {
   EXPECT_EQ(2, dumps.count());
   EXPECT_EQ("NOTRACE PIPE, TRACE PIPE", switches(owner) + ", " + switches(child));
   EXPECT_EQ(text, written(owner));
+
+  // A MAX_SIZE that cannot be had (the address space capped a little above its current use)
+  // stops the reading: the lines before it apply, the lines after it and the dump request not.
+  std::string status = read_file("/proc/self/status");
+  size_t at = status.find("VmSize:");
+  ASSERT_NE(std::string::npos, at);
+  struct rlimit previous;
+  ASSERT_EQ(0, getrlimit(RLIMIT_AS, &previous));
+  struct rlimit capped = previous;
+  capped.rlim_cur = strtoull(status.c_str() + at + 7, nullptr, 10) * 1024 + (256u << 20);
+  ASSERT_EQ(0, setrlimit(RLIMIT_AS, &capped));
+  int result = parse_text(owner, "DUMP on\nNOPIPE sw\nMAX_SIZE 1073741824\nNOPIPE sw/kid\n", 1);
+  ASSERT_EQ(0, setrlimit(RLIMIT_AS, &previous));
+  EXPECT_EQ(1, result);
+  EXPECT_EQ("NOTRACE NOPIPE, TRACE PIPE", switches(owner) + ", " + switches(child));
+  EXPECT_EQ(8388608u, size_bytes(owner));
+  EXPECT_EQ(2, dumps.count());
 }
 
 TEST(ParseCtrlFile, FileLoopCountAgainstRotatedFiles) {
@@ -157,28 +174,6 @@ TEST(ParseCtrlFile, FileLoopCountAgainstRotatedFiles) {
     EXPECT_EQ(step.count, cb->file_loop_count) << step.file << " " << step.value;
     EXPECT_EQ(step.index, cb->file_loop_index) << step.file << " " << step.value;
   }
-}
-
-TEST(ParseCtrlFile, FailingMaxSizeStopsTheReading) {
-  quarry_handle* handle = open_handle("maxfail");
-  write_file(handle->cb->ctrl_file_name,
-             "DUMP on\nPIPE maxfail\nMAX_SIZE 1073741824\nNOTRACE maxfail\n");
-  dump_counter dumps(buffer_dir(handle));
-  // A gigabyte cannot be had once the address space is capped a little above its current use.
-  std::string status = read_file("/proc/self/status");
-  size_t at = status.find("VmSize:");
-  ASSERT_NE(std::string::npos, at);
-  struct rlimit previous;
-  ASSERT_EQ(0, getrlimit(RLIMIT_AS, &previous));
-  struct rlimit capped = previous;
-  capped.rlim_cur = strtoull(status.c_str() + at + 7, nullptr, 10) * 1024 + (256u << 20);
-  ASSERT_EQ(0, setrlimit(RLIMIT_AS, &capped));
-  int result = parse_ctrl_file(handle->cb, 1);
-  ASSERT_EQ(0, setrlimit(RLIMIT_AS, &previous));
-  EXPECT_EQ(1, result);
-  EXPECT_EQ("TRACE PIPE", switches(handle));  // the line before applied, the line after not
-  EXPECT_EQ(4096u, size_bytes(handle));
-  EXPECT_EQ(0, dumps.count());  // the requested dump is dropped
 }
 
 // Runs loop turns on this thread until the condition holds; false when it never does.

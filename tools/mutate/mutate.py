@@ -91,10 +91,17 @@ def run(cmd, log, timeout=None):
             raise
 
 
-def failed_tests(build, log):
+def run_tests(cmd, build, log):
+    """Runs ctest and returns the names of the tests that failed. ctest leaves the list of an
+    earlier run in place when every test passes, so it is removed first and read only after a
+    failing run."""
     path = os.path.join(build, "Testing", "Temporary", "LastTestsFailed.log")
-    if not os.path.exists(path):
+    if os.path.exists(path):
+        os.remove(path)
+    if run(cmd, log) == 0:
         return set()
+    if not os.path.exists(path):
+        return {"(ctest failed without a test list, see the log)"}
     with open(path) as f:
         return {line.strip().split(":", 1)[1] for line in f if ":" in line}
 
@@ -145,8 +152,7 @@ def main():
     # The unmutated tree must build; tests that already fail on it cannot kill anything.
     if run(build_cmd, log) != 0:
         sys.exit(f"the unmutated tree does not build, see {log}")
-    run([c for c in test_cmd if c != "--stop-on-failure"], log)
-    broken = failed_tests(build, log)
+    broken = run_tests([c for c in test_cmd if c != "--stop-on-failure"], build, log)
     if broken:
         print(f"ignoring {len(broken)} tests failing without any mutant: " + ", ".join(sorted(broken)))
         if args.first_failure:  # they must not end the run before a real failure
@@ -172,8 +178,7 @@ def main():
                 if run(build_cmd, log) != 0:
                     status, killers = "build-failed", set()
                 else:
-                    run(test_cmd, log)
-                    killers = failed_tests(build, log) - broken
+                    killers = run_tests(test_cmd, build, log) - broken
                     status = "killed" if killers else "survived"
             finally:
                 with open(path, "w", encoding="utf-8") as f:
