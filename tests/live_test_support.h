@@ -32,9 +32,8 @@ inline uint32_t size_bytes(const quarry_handle* handle) {
   return load_ring(handle->cb).size_words * 4;
 }
 
-// Counts the dumps of a buffer: each one closes a trace file of its directory after writing.
-// Opens are watched too, only so that the closes of successive dumps of one file are not
-// merged into one event (inotify merges identical events at the tail of its queue).
+// Counts the dumps of a buffer: each closes a trace file of its directory after writing. Opens
+// are watched too, so that inotify does not merge the closes of successive dumps of one file.
 class dump_counter {
  public:
   explicit dump_counter(const std::string& dir) : fd_(inotify_init1(IN_NONBLOCK)) {
