@@ -3,9 +3,11 @@
 #include "test_support.h"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -77,6 +79,19 @@ std::vector<uint32_t> words_of(const std::string& bytes) {
   std::vector<uint32_t> words(bytes.size() / 4);
   if (!words.empty()) memcpy(words.data(), bytes.data(), words.size() * 4);
   return words;
+}
+
+int in_child(const std::function<int()>& body) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    alarm(30);  // a child that hangs ends instead of blocking the test
+    int result = body();
+    fflush(nullptr);
+    _exit(result);
+  }
+  int status = -1;
+  if (pid > 0) waitpid(pid, &status, 0);
+  return status;
 }
 
 }  // namespace quarry_test
