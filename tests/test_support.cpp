@@ -81,8 +81,9 @@ std::vector<uint32_t> words_of(const std::string& bytes) {
   return words;
 }
 
-int in_child(const std::function<int()>& body) {
+int in_child(const std::function<int()>& body, pid_t* pid_out) {
   pid_t pid = fork();
+  if (pid_out != nullptr) *pid_out = pid;
   if (pid == 0) {
     alarm(30);  // a child that hangs ends instead of blocking the test
     int result = body();

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <functional>
 #include <string>
@@ -21,7 +22,7 @@ void write_file(const std::string& path, const std::string& content);
 // The 32-bit words of a byte string (host order); the size must be a multiple of 4.
 std::vector<uint32_t> words_of(const std::string& bytes);
 // Runs body in a forked child that ends with _exit(body()) unless body exits itself; returns
-// the child's wait status.
-int in_child(const std::function<int()>& body);
+// the child's wait status, and its pid in *pid if given.
+int in_child(const std::function<int()>& body, pid_t* pid = nullptr);
 
 }  // namespace quarry_test
