@@ -222,16 +222,12 @@ TEST_F(Open, ConcurrentOpensGiveOneHandlePerFullName) {
   // Walks the registry the way a dump does, without the lock: all it reaches is complete.
   std::thread reader([&] {
     while (!stop.load()) {
-      for (circular_buffer* cb = circular_buffer_list.load(std::memory_order_acquire); cb;
-           cb = cb->next.load(std::memory_order_acquire)) {
-        uint32_t count = cb->handle_count.load(std::memory_order_acquire);
-        handle_node* n = cb->handle_list.load(std::memory_order_acquire);
-        for (uint32_t i = 0; i < count; ++i, n = n->next.load(std::memory_order_acquire)) {
-          if (n == nullptr || n->handle->cb != cb || cb->output_file_name == nullptr ||
-              strncmp(n->handle->decode_ref, "QUARRY_DECODE_REF ", 18) != 0) {
-            faults.fetch_add(1);
-            break;
-          }
+      for (circular_buffer* cb = circular_buffer_list.load(); cb; cb = cb->next.load()) {
+        const uint32_t count = cb->handle_count.load();
+        const Handles handles = listed(cb);
+        faults += handles.size() < count || cb->output_file_name == nullptr;
+        for (quarry_handle* h : handles) {
+          faults += h->cb != cb || strncmp(h->decode_ref, "QUARRY_DECODE_REF ", 18) != 0;
         }
       }
     }
