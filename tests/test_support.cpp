@@ -2,7 +2,6 @@
 // after the library's own exit handler has run.
 #include "test_support.h"
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,7 +11,6 @@
 
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 
 namespace quarry_test {
 namespace {
