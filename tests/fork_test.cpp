@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "process_init.h"
 #include "trace_fixture.h"
 
 namespace {
@@ -53,6 +54,8 @@ TEST(ForkTest, WorkersForkedWhileLocksAreHeldKeepTheirOwnFilesAndIdentity) {
   quarry_set_process_name("prefork");
   quarry_handle* h = nullptr;
   ASSERT_EQ(0, quarry_open_internal(&h, "net", 4096, 4, "fork.dec", "t", nullptr));
+  // The set-up completes (its info file) now, so that a worker's info file is the fork's own.
+  ASSERT_EQ(0, quarry_global_init_once());
   QUARRY_TRACE(h, 1, "d", 0xA0);
   ASSERT_EQ(0, quarry_enable_configuration2(h));  // the parent's control file: TRACE net
   ASSERT_EQ(0, quarry_dump(h));  // a worker's file landing here would replace this one
