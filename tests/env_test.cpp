@@ -16,36 +16,34 @@ using testing::internal::GetCapturedStderr;
 class SetupFile : public ::testing::Test {
  protected:
   void SetUp() override {
-    candidates_[0] = first_.c_str();
-    candidates_[1] = second_.c_str();
     set_setup_file_candidates(candidates_);
-    unsetenv("QUARRY_PATH");
-    unsetenv("QUARRY_DEC_PATH");
+    for (const char* name : {"QUARRY_PATH", "QUARRY_DEC_PATH", "QUARRY_PERSIST"}) unsetenv(name);
   }
   void TearDown() override {
     set_setup_file_candidates(nullptr);
     setenv("QUARRY_PATH", quarry_test::base_dir().c_str(), 1);
     setenv("QUARRY_DEC_PATH", quarry_test::base_dir().c_str(), 1);
   }
-  // The record as "path|dec", or "null"; what went to standard error goes to err_.
+  // The record as "path|dec|persist", or "null"; standard error goes to err_.
   std::string read_env(quarry_env* (*get)() = quarry_get_env) {
     CaptureStderr();
     quarry_env* env = get();
     err_ = GetCapturedStderr();
     if (env == nullptr) return "null";
-    std::string result =
-        std::string(quarry_env_get_quarry_path(env)) + "|" + quarry_env_get_quarry_dec_path(env);
+    std::string result = std::string(quarry_env_get_quarry_path(env)) + "|" +
+                         quarry_env_get_quarry_dec_path(env) + "|" + std::to_string(env->persist);
     quarry_free_env(env);
     return result;
   }
   const std::string dir_ =
       quarry_test::make_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
   const std::string first_ = dir_ + "first.setup", second_ = dir_ + "second.setup";
-  const char* candidates_[3] = {nullptr, nullptr, nullptr};
+  const char* candidates_[3] = {first_.c_str(), second_.c_str(), nullptr};
   std::string err_;
 };
 
-const std::string kDec = "/usr/local/etc/quarry/";
+const std::string kDec = "/usr/local/etc/quarry/|0";
+const std::string kPath = "/dev/shm/quarry/|";
 
 TEST_F(SetupFile, GrammarAndItsTwoMessages) {
   const std::string eq = "Missing '=' after variable ";
@@ -54,14 +52,17 @@ TEST_F(SetupFile, GrammarAndItsTwoMessages) {
   const struct {
     std::string content, expected, message;
   } cases[] = {
-      {"", "/dev/shm/quarry/|" + kDec, ""},
-      {"QUARRY_PATH=/a\nQUARRY_DEC_PATH=/d/\n", "/a/|/d/", ""},
+      {"", kPath + kDec, ""},
+      {"QUARRY_PATH=/a\nQUARRY_DEC_PATH=/d/\n", "/a/|/d/|0", ""},
       {"  QUARRY_PATH \t=\t /a  more words\n", "/a/|" + kDec, ""},
       {"# QUARRY_PATH=/not\n\n   \t \nQUARRY_PATH=/a", "/a/|" + kDec, ""},
       {"QUARRY_PATH=/crlf\r\n", "/crlf/|" + kDec, ""},
-      {"QUARRY_DEC_PATH=/one\nQUARRY_DEC_PATH=/two\n", "/dev/shm/quarry/|/two/", ""},
-      {"quarry_path=/x\nOTHER_NAME=1\n=anonymous\n", "/dev/shm/quarry/|" + kDec, ""},
+      {"QUARRY_DEC_PATH=/one\nQUARRY_DEC_PATH=/two\n", kPath + "/two/|0", ""},
+      {"quarry_path=/x\nOTHER_NAME=1\n=anonymous\n", kPath + kDec, ""},
       {"QUARRY_PATH=" + std::string(600, 'v') + "\n", std::string(511, 'v') + "/|" + kDec, ""},
+      // Persistence is on for "1" alone.
+      {"QUARRY_PERSIST=1\n", kPath + "/usr/local/etc/quarry/|1", ""},
+      {"QUARRY_PERSIST=yes\n", kPath + kDec, ""},
       // 1023 characters are read at a time: the rest of a long comment is a line of its own.
       {"#" + std::string(1022, 'x') + "QUARRY_PATH=/tail\n", "/tail/|" + kDec, ""},
       // Malformed lines yield no record and name the variable.
@@ -87,17 +88,22 @@ TEST_F(SetupFile, GrammarAndItsTwoMessages) {
 
 TEST_F(SetupFile, CandidatesAreTriedInOrderAndTheEnvironmentWins) {
   quarry_test::write_file(second_, "QUARRY_DEC_PATH=/second\n");
-  EXPECT_EQ("/dev/shm/quarry/|/second/", read_env());
+  EXPECT_EQ(kPath + "/second/|0", read_env());
   EXPECT_EQ(second_, *setup_file_in_use);
-  quarry_test::write_file(first_, "QUARRY_PATH=/first\nQUARRY_DEC_PATH=/file/\n");
-  EXPECT_EQ("/first/|/file/", read_env());  // the second file is not read at all
+  quarry_test::write_file(first_, "QUARRY_PATH=/first\nQUARRY_DEC_PATH=/file/\nQUARRY_PERSIST=1\n");
+  EXPECT_EQ("/first/|/file/|1", read_env());  // the second file is not read at all
   EXPECT_EQ(first_, *setup_file_in_use);
   setenv("QUARRY_PATH", "/env/", 1);
-  EXPECT_EQ("/env/|/file/", read_env());
+  setenv("QUARRY_PERSIST", "0", 1);
+  EXPECT_EQ("/env/|/file/|0", read_env());
   // An empty variable counts as not set; a value without the final '/' gets one.
   setenv("QUARRY_PATH", "", 1);
   setenv("QUARRY_DEC_PATH", "/dec", 1);
-  EXPECT_EQ("/first/|/dec/", read_env());
+  setenv("QUARRY_PERSIST", "", 1);
+  EXPECT_EQ("/first/|/dec/|1", read_env());
+  quarry_test::write_file(first_, "QUARRY_PERSIST=0\n");
+  setenv("QUARRY_PERSIST", "1", 1);
+  EXPECT_EQ(kPath + "/dec/|1", read_env());
 }
 
 TEST(DupDirPath, AppendsOneSlashAndNeverReadsBeforeTheString) {
@@ -112,27 +118,3 @@ TEST(DupDirPath, AppendsOneSlashAndNeverReadsBeforeTheString) {
 }
 
 }  // namespace
-
-// QUARRY_PERSIST: off by default, "1" alone turns it on, the environment wins over the file.
-TEST_F(SetupFile, PersistFollowsTheSamePrecedence) {
-  const struct {
-    const char *file, *environment;
-    int expected;
-  } cases[] = {
-      {"", nullptr, 0},
-      {"QUARRY_PERSIST=1\n", nullptr, 1},
-      {"QUARRY_PERSIST=yes\n", nullptr, 0},
-      {"QUARRY_PERSIST=1\n", "0", 0},
-      {"QUARRY_PERSIST=0\n", "1", 1},
-      {"QUARRY_PERSIST=1\n", "", 1},
-  };
-  for (const auto& c : cases) {
-    quarry_test::write_file(first_, c.file);
-    if (c.environment != nullptr) setenv("QUARRY_PERSIST", c.environment, 1);
-    quarry_env* env = quarry_get_env();
-    ASSERT_NE(nullptr, env);
-    EXPECT_EQ(c.expected, env->persist) << c.file << " / " << (c.environment ? c.environment : "-");
-    quarry_free_env(env);
-    unsetenv("QUARRY_PERSIST");
-  }
-}

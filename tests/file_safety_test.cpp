@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <functional>
 #include <string>
 
 #include "buffer.h"
@@ -23,7 +22,6 @@ using quarry_test::base_dir;
 using quarry_test::read_file;
 using quarry_test::write_file;
 
-constexpr uid_t kOtherUser = 65534;
 constexpr char kVictimText[] = "MAX_SIZE 1048576\nPIPE buf\n";
 
 mode_t mode_of(const std::string& path) {
@@ -31,153 +29,94 @@ mode_t mode_of(const std::string& path) {
   return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
-// The library's side of an attack, in the child: opens the buffer "buf" and uses it.
+// The library's side, in the child: opens the buffer "buf" below the process directory and
+// uses it; each use tells whether the library behaved.
 struct Child {
-  std::string proc;  // process directory, with '/'
-  quarry_handle* handle = nullptr;
-  int open_result = 0;
-  std::string fail;  // what went wrong
+  std::string proc;
+  quarry_handle* h = nullptr;
 
-  void open() {
-    open_result = quarry_open_internal(&handle, "buf", 4096, 4, "b.dec", "1", nullptr);
-  }
-  void expect(bool ok, const char* what) {
-    if (!ok && fail.empty()) fail = what;
-  }
-  void trace_piped() {
-    handle->pipe.store(1);
-    QUARRY_TRACE(handle, 0, "d", 7);
-  }
+  int open() { return quarry_open_internal(&h, "buf", 4096, 4, "b.dec", "1", nullptr); }
   std::string buf() const { return proc + "buf/"; }
 };
 
-struct Case {
-  const char* name;
-  std::function<void(const std::string& proc, const std::string& victim)> plant;
-  std::function<void(Child&)> act;
-  const char* message;  // expected in the child's output
-};
-
-void link_to(const std::string& target, const std::string& path) {
-  ASSERT_EQ(0, symlink(target.c_str(), path.c_str())) << path;
+bool dump_refused(Child& c) {
+  return c.open() == 0 && quarry_dump(c.h) == 1;
 }
-void foreign(const std::string& path) {
-  ASSERT_EQ(0, lchown(path.c_str(), kOtherUser, kOtherUser)) << path;
+bool opens_twice(Child& c) {
+  return c.open() == 0 && c.open() == 0;
 }
-void mkdirs(const std::string& path) {
-  ASSERT_EQ(0, system(("mkdir -p '" + path + "'").c_str()));
+bool open_fails(Child& c) {
+  return c.open() == 10;
 }
-
-// Modes under umask 022: directories, trace file, control file, info file.
-void check_modes(Child& c, mode_t dirs, mode_t trace, mode_t text) {
-  umask(022);
+bool config_not_applied(Child& c) {
   c.open();
+  quarry_enable_configuration2(c.h);
+  return load_ring(c.h->cb).size_words == 1024 && c.h->pipe.load() == 0 &&
+         read_file(c.buf() + "quarry.ctrl") == kVictimText;
+}
+bool nothing_piped(Child& c) {
+  int reader = ::open((c.buf() + "quarry.pipe").c_str(), O_RDONLY | O_NONBLOCK);
+  char bytes[64];
+  while (read(reader, bytes, sizeof bytes) > 0) {
+  }
+  c.open();
+  c.h->pipe.store(1);
+  QUARRY_TRACE(c.h, 0, "d", 7);
+  return read(reader, bytes, 1) <= 0;
+}
+// Modes under umask 022: directories, trace file, control file, info file.
+bool modes_are(Child& c, mode_t dirs, mode_t trace, mode_t text) {
+  umask(022);
   c.open();  // the first open of a fresh directory has no info file yet
-  c.expect(quarry_enable_configuration2(c.handle) == 0, "enable");
-  c.expect(quarry_dump(c.handle) == 0, "dump");
-  c.expect(mode_of(c.proc) == dirs && mode_of(c.buf()) == dirs, "directory mode");
-  c.expect(mode_of(c.buf() + "quarry_0.trc") == trace, "trace file mode");
-  c.expect(mode_of(c.buf() + "quarry.ctrl") == text, "control file mode");
-  c.expect(mode_of(c.proc + "quarry.info") == text, "info file mode");
-  c.expect(umask(022) == 022, "umask");
+  bool ok = c.open() == 0 && quarry_enable_configuration2(c.h) == 0 && quarry_dump(c.h) == 0;
+  for (auto [file, mode] : {std::pair{"", dirs},
+                            {"buf", dirs},
+                            {"buf/quarry_0.trc", trace},
+                            {"buf/quarry.ctrl", text},
+                            {"quarry.info", text}}) {
+    if (mode_of(c.proc + file) == mode) continue;
+    fprintf(stderr, "mode of '%s' is %o\n", file, mode_of(c.proc + file));
+    ok = false;
+  }
+  return ok && umask(022) == 022;
 }
 
-const Case kCases[] = {
-    {"trace file is a link",
-     [](auto& proc, auto& victim) {
-       mkdirs(proc + "buf"), link_to(victim, proc + "buf/quarry_0.trc");
-     },
-     [](Child& c) { c.open(), c.expect(quarry_dump(c.handle) == 1, "dump refused"); },
-     "unable to open trace file"},
-    {"trace file is a hard link",
-     [](auto& proc, auto& victim) {
-       mkdirs(proc + "buf");
-       ASSERT_EQ(0, link(victim.c_str(), (proc + "buf/quarry_0.trc").c_str()));
-     },
-     [](Child& c) { c.open(), c.expect(quarry_dump(c.handle) == 1, "dump refused"); },
-     "(Operation not permitted)"},
-    {"info file is a link",
-     [](auto& proc, auto& victim) { mkdirs(proc), link_to(victim, proc + "quarry.info"); },
-     [](Child& c) { c.open(), c.open(), c.expect(c.open_result == 0, "open goes on"); }, ""},
-    {"control file is a link",
-     [](auto& proc, auto& victim) {
-       mkdirs(proc + "buf"), link_to(victim, proc + "buf/quarry.ctrl");
-     },
-     [](Child& c) {
-       c.open(), quarry_enable_configuration2(c.handle);
-       c.expect(load_ring(c.handle->cb).size_words == 1024, "not applied");
-     },
-     "is not a regular file of this user or root; not applied"},
-    {"control file of another user",
-     [](auto& proc, auto&) {
-       mkdirs(proc + "buf"), write_file(proc + "buf/quarry.ctrl", kVictimText);
-       foreign(proc + "buf/quarry.ctrl");
-     },
-     [](Child& c) {
-       c.open(), quarry_enable_configuration2(c.handle);
-       c.expect(load_ring(c.handle->cb).size_words == 1024 && c.handle->pipe.load() == 0,
-                "not applied");
-       c.expect(read_file(c.buf() + "quarry.ctrl") == kVictimText, "not rewritten");
-     },
-     "is not a regular file of this user or root; not applied"},
-    {"pipe is a link",
-     [](auto& proc, auto& victim) {
-       mkdirs(proc + "buf"), link_to(victim, proc + "buf/quarry.pipe");
-     },
-     [](Child& c) { c.open(), c.trace_piped(); }, "quarry.pipe is a symbolic link"},
-    {"pipe is a regular file",
-     [](auto& proc, auto&) { mkdirs(proc + "buf"), write_file(proc + "buf/quarry.pipe", ""); },
-     [](Child& c) {
-       c.open(), c.trace_piped();
-       c.expect(read_file(c.buf() + "quarry.pipe").empty(), "nothing written");
-     },
-     "quarry.pipe is not a named pipe"},
-    {"pipe of another user",
-     [](auto& proc, auto&) {
-       mkdirs(proc + "buf");
-       ASSERT_EQ(0, mkfifo((proc + "buf/quarry.pipe").c_str(), 0666));
-       foreign(proc + "buf/quarry.pipe");
-     },
-     [](Child& c) {
-       int reader = ::open((c.buf() + "quarry.pipe").c_str(), O_RDONLY | O_NONBLOCK);
-       c.open(), c.trace_piped();
-       char byte;
-       c.expect(read(reader, &byte, 1) <= 0, "nothing written");
-     },
+const char kNotApplied[] = "is not a regular file of this user or root; not applied";
+const char kNotOurs[] = "neither this user nor root";
+
+// Each plant runs in the shell in the process directory $P, with the other user's file $VICTIM.
+const struct {
+  const char* plant;
+  bool (*act)(Child&);
+  const char* message;  // expected in the child's output
+} kCases[] = {
+    {"mkdir buf && ln -s $VICTIM buf/quarry_0.trc", dump_refused, "unable to open trace file"},
+    {"mkdir buf && ln $VICTIM buf/quarry_0.trc", dump_refused, "(Operation not permitted)"},
+    {"ln -s $VICTIM quarry.info", opens_twice, ""},
+    {"mkdir buf && ln -s $VICTIM buf/quarry.ctrl", config_not_applied, kNotApplied},
+    {"mkdir buf && cp -p $VICTIM buf/quarry.ctrl", config_not_applied, kNotApplied},
+    {"mkdir buf && ln -s $VICTIM buf/quarry.pipe", nothing_piped, "quarry.pipe is a symbolic link"},
+    {"mkdir buf && touch buf/quarry.pipe", nothing_piped, "quarry.pipe is not a named pipe"},
+    {"mkdir buf && mkfifo buf/quarry.pipe && chown 65534 buf/quarry.pipe", nothing_piped,
      "quarry.pipe is a named pipe of another user"},
-    {"buffer directory of another user",
-     [](auto& proc, auto&) { mkdirs(proc + "buf"), foreign(proc + "buf"); },
-     [](Child& c) { c.open(), c.expect(c.open_result == 10, "open fails"); },
-     "neither this user nor root"},
-    {"process directory of another user", [](auto& proc, auto&) { mkdirs(proc), foreign(proc); },
-     [](Child& c) { c.open(), c.expect(c.open_result == 10, "open fails"); },
-     "neither this user nor root"},
-    {"buffer directory is a link",
-     [](auto& proc, auto&) {
-       mkdirs(proc + "elsewhere"), link_to(proc + "elsewhere", proc + "buf");
-     },
-     [](Child& c) { c.open(), c.expect(c.open_result == 10, "open fails"); },
-     "buf/ is a symbolic link"},
-    {"process directory is a link",
-     [](auto& proc, auto&) {
-       mkdirs(base_dir() + "elsewhere");
-       link_to(base_dir() + "elsewhere", proc.substr(0, proc.size() - 1));
-     },
-     [](Child& c) { c.open(), c.expect(c.open_result == 10, "open fails"); }, "is a symbolic link"},
-    {"shared modes", nullptr, [](Child& c) { check_modes(c, 0777, 0666, 0644); }, ""},
-    {"private mode from the environment", nullptr,
+    {"mkdir buf && chown 65534 buf", open_fails, kNotOurs},
+    {"chown 65534 .", open_fails, kNotOurs},
+    {"mkdir elsewhere && ln -s elsewhere buf", open_fails, "buf/ is a symbolic link"},
+    {"rmdir $P && mkdir $P.elsewhere && ln -s $P.elsewhere $P", open_fails, "is a symbolic link"},
+    {"", [](Child& c) { return modes_are(c, 0777, 0666, 0644); }, ""},
+    {"",
      [](Child& c) {
        setenv("QUARRY_FILE_MODE", "private", 1);
-       check_modes(c, 0700, 0600, 0600);
+       return modes_are(c, 0700, 0600, 0600);
      },
      ""},
-    {"private mode from the setup file", nullptr,
+    {"",
      [](Child& c) {
        static const std::string setup = base_dir() + "private.setup";
        write_file(setup, "QUARRY_FILE_MODE = private\n");
        static const char* const candidates[] = {setup.c_str(), nullptr};
        set_setup_file_candidates(candidates);
-       check_modes(c, 0700, 0600, 0600);
+       return modes_are(c, 0700, 0600, 0600);
      },
      ""},
 };
@@ -185,42 +124,29 @@ const Case kCases[] = {
 TEST(FileSafety, PlantedFilesAndDirectoriesAreRefusedAndModesAreExact) {
   if (geteuid() != 0) GTEST_SKIP() << "planting another user's files needs root";
   int index = 0;
-  for (const Case& attack : kCases) {
-    SCOPED_TRACE(attack.name);
-    const std::string name = "attack" + std::to_string(index++);
-    const std::string proc = base_dir() + name + "/";
-    const std::string victim = base_dir() + name + ".victim";
+  for (const auto& attack : kCases) {
+    SCOPED_TRACE(attack.plant);
+    const std::string name = "attack" + std::to_string(index++), proc = base_dir() + name + "/";
+    const std::string victim = base_dir() + name + ".victim", output = base_dir() + name + ".err";
     write_file(victim, kVictimText);
-    chmod(victim.c_str(), 0600);
-    foreign(victim);
-    if (attack.plant) attack.plant(proc, victim);
-    const std::string err_path = base_dir() + name + ".err";
-    int report[2];
-    ASSERT_EQ(0, pipe(report));
-    pid_t pid = fork();
-    if (pid == 0) {
+    std::string shell = "export P='" + base_dir() + name + "' VICTIM='" + victim +
+                        "' && chmod 600 $VICTIM && chown 65534 $VICTIM";
+    // The process directory is there for a plant only: the modes are the library's own.
+    if (*attack.plant) shell += std::string(" && mkdir $P && cd $P && ") + attack.plant;
+    ASSERT_EQ(0, system(shell.c_str()));
+    int status = quarry_test::in_child([&] {
       // Dump reports go to standard output, the others to standard error: both are kept.
-      int out = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      dup2(out, 1), dup2(out, 2);
+      int out = ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      dup2(out, 1);
+      dup2(out, 2);
       quarry_set_process_name(name.c_str());
       Child child;
       child.proc = proc;
-      attack.act(child);
-      ssize_t ignored = write(report[1], child.fail.data(), child.fail.size());
-      (void)ignored;
-      fflush(nullptr);
-      _exit(0);
-    }
-    close(report[1]);
-    char text[256];
-    ssize_t got = read(report[0], text, sizeof text);
-    close(report[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ("", std::string(text, got > 0 ? got : 0));
+      return attack.act(child) ? 0 : 1;
+    });
+    EXPECT_EQ(0, status) << read_file(output);
     EXPECT_EQ(kVictimText, read_file(victim));
-    EXPECT_NE(std::string::npos, read_file(err_path).find(attack.message)) << read_file(err_path);
+    EXPECT_NE(std::string::npos, read_file(output).find(attack.message)) << read_file(output);
   }
 }
 

@@ -1,13 +1,16 @@
-// Clock calibration against scripted clocks, and the once-per-process set-up as the first opens
-// see it: the info file, the derived process name, an unusable base directory, a malformed
-// setup file. The set-up cases need a fresh process (ctest runs each case in its own).
+// The process's identity (its name, the thread-name list, their deprecated spellings), clock
+// calibration against scripted clocks, and the once-per-process set-up as the first opens see
+// it. The set-up cases need a fresh process (ctest runs each case in its own).
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "buffer.h"
 #include "env.h"
@@ -16,12 +19,61 @@
 
 namespace {
 
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+std::string deprecated(const char* old_name, const char* new_name) {
+  return std::string("WARNING: deprecated ") + old_name + "() API invoked. Please, use " +
+         new_name + "() instead.\n";
+}
+
+TEST(ProcessName, SpacesBecomeUnderscoresLongNamesAreCutAndTheOldSpellingWarns) {
+  char* name = quarry_get_process_prefix();
+  quarry_set_process_name("my daemon\t2");  // only spaces are replaced
+  EXPECT_STREQ("my_daemon\t2", name);
+  quarry_set_process_name(std::string(300, 'p').c_str());
+  EXPECT_EQ(std::string(255, 'p'), name);
+  EXPECT_EQ(name, quarry_get_process_prefix());  // the array itself, never a copy
+  CaptureStderr();
+  quarry_set_process_prefix("old style");
+  EXPECT_EQ(deprecated("quarry_set_process_prefix", "quarry_set_process_name"),
+            GetCapturedStderr());
+  EXPECT_STREQ("old_style", name);
+}
+
+TEST(ThreadNames, EntriesFollowCallOrderAndNameTheCallingThread) {
+  auto line = [](const std::string& name, pthread_t thread) {
+    return "THREAD " + name + " " + std::to_string(static_cast<int32_t>(thread)) + "\n";
+  };
+  CaptureStderr();
+  EXPECT_EQ(0, quarry_set_current_thread_name("a"));
+  EXPECT_EQ("", GetCapturedStderr());
+  // The deprecated spelling warns and still names the caller, not the thread it was given.
+  pthread_t main_thread = pthread_self(), worker_thread{};
+  std::string worker_err;
+  std::thread([&] {
+    worker_thread = pthread_self();
+    CaptureStderr();
+    EXPECT_EQ(0, quarry_set_thread_name(main_thread, "w"));
+    worker_err = GetCapturedStderr();
+  }).join();
+  EXPECT_EQ(deprecated("quarry_set_thread_name", "quarry_set_current_thread_name"), worker_err);
+  const std::string long_name(80, 'n');
+  EXPECT_EQ(0, quarry_set_current_thread_name(long_name.c_str()));
+  std::vector<std::string> added;
+  for (thread_name_entry* e = thread_name_list.load(); e != nullptr; e = e->next.load()) {
+    added.push_back(e->text);
+  }
+  EXPECT_EQ((std::vector<std::string>{line("a", main_thread), line("w", worker_thread),
+                                      line(long_name, main_thread).substr(0, 63)}),
+            added);
+}
+
 // A clock that advances by step_for(n) nanoseconds after its n-th reading, from just below a
 // second boundary so that steps cross seconds; reading number fail_at fails.
 int64_t (*step_for)(int n);
 int64_t now_ns;
-int reads;
-int fail_at;
+int reads, fail_at;
 constexpr uint32_t kUntouched = 0x77;
 
 int scripted_clock(struct timespec* t) {
@@ -30,21 +82,6 @@ int scripted_clock(struct timespec* t) {
   t->tv_nsec = now_ns % 1000000000;
   now_ns += step_for(reads++);
   return 0;
-}
-
-// Runs calibrate_clock on the scripted clock; returns what it printed.
-std::string calibrate(int64_t (*steps)(int), int fail) {
-  step_for = steps;
-  now_ns = 999999000;
-  reads = 0;
-  fail_at = fail;
-  ts_idx_mask.store(kUntouched);
-  ts_index.store(kUntouched);
-  set_calibration_clock(scripted_clock);
-  testing::internal::CaptureStderr();
-  calibrate_clock();
-  set_calibration_clock(nullptr);
-  return testing::internal::GetCapturedStderr();
 }
 
 TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
@@ -64,7 +101,6 @@ TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
       {[](int) -> int64_t { return 99; }, -1, "", 1, 1, kUntouched},  // fine: counts as 1 ns
       // Steps above 10 ms are preemptions, never the resolution: with only such steps the
       // time-out comes with nothing found; after some good steps it keeps the smallest one.
-      // Either way the mask stays as it was.
       {[](int) -> int64_t { return 20000000; }, -1, timeout, UINT64_MAX, kUntouched, kUntouched},
       {[](int n) -> int64_t { return n < 6 ? 5000000 : 20000000; }, -1, timeout, 5000000,
        kUntouched, kUntouched},
@@ -73,7 +109,17 @@ TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
       {[](int) -> int64_t { return 3000000; }, 7, "", 3000000, kUntouched, kUntouched},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(c.message, calibrate(c.steps, c.fail_at));
+    step_for = c.steps;
+    now_ns = 999999000;
+    reads = 0;
+    fail_at = c.fail_at;
+    ts_idx_mask.store(kUntouched);
+    ts_index.store(kUntouched);
+    set_calibration_clock(scripted_clock);
+    CaptureStderr();
+    calibrate_clock();
+    set_calibration_clock(nullptr);
+    EXPECT_EQ(c.message, GetCapturedStderr());
     EXPECT_EQ(c.res, ts_res.load());
     EXPECT_EQ(c.mask, ts_idx_mask.load());
     EXPECT_EQ(c.index, ts_index.load());
@@ -91,20 +137,29 @@ class FirstOpens : public ::testing::Test {
   }
 };
 
-TEST_F(FirstOpens, InfoFileAppearsWithTheSecondOpenAndIsWrittenOnce) {
-  std::string derived = program_invocation_name;
-  for (char& c : derived) c = c == '/' ? '_' : c;
-  const std::string info = quarry_test::base_dir() + derived + "/quarry.info";
-  ASSERT_EQ(0, open("first"));
-  EXPECT_EQ(derived, process_name);
-  EXPECT_FALSE(quarry_test::file_exists(info));  // the process directory came after it
-  ASSERT_EQ(0, open("second"));
+TEST_F(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
+  quarry_set_process_name("svc one");
+  const std::string setup = quarry_test::make_dir("setup") + "quarry.setup";
+  quarry_test::write_file(setup, "QUARRY_PATH=/elsewhere\nbad line\n");
+  const char* candidates[] = {setup.c_str(), nullptr};
+  set_setup_file_candidates(candidates);
+  CaptureStderr();
+  EXPECT_EQ(0, open("a"));
+  EXPECT_EQ("Missing '=' after variable bad while parsing " + setup + "\n", GetCapturedStderr());
+  set_setup_file_candidates(nullptr);
+  // The environment's path; the process directory came after the info file's first try.
+  EXPECT_EQ(quarry_test::base_dir(), quarry_env_get_quarry_path(process_env));
+  const std::string info = quarry_test::base_dir() + "svc_one/quarry.info";
+  EXPECT_FALSE(quarry_test::file_exists(info));
+  EXPECT_EQ(0, open("b"));
+  EXPECT_EQ(1, init_done);
+  EXPECT_TRUE(quarry_test::file_exists(quarry_test::base_dir() + "svc_one/a/"));
   EXPECT_EQ("PROCESS_PID " + std::to_string(getpid()) + "\nDUMP_SIGNAL " +
                 std::to_string(SIGRTMAX - 2) + "\n",
             quarry_test::read_file(info));
   EXPECT_EQ(getpid(), quarry_get_process_id());
   ASSERT_EQ(0, unlink(info.c_str()));
-  ASSERT_EQ(0, open("third"));
+  ASSERT_EQ(0, open("c"));
   EXPECT_FALSE(quarry_test::file_exists(info));
 }
 
@@ -112,34 +167,17 @@ TEST_F(FirstOpens, BaseDirectoryThroughARegularFileFailsOnlyTheInfoFile) {
   const std::string file = quarry_test::base_dir() + "plain";
   quarry_test::write_file(file, "x");
   setenv("QUARRY_PATH", (file + "/x").c_str(), 1);
-  testing::internal::CaptureStderr();
+  CaptureStderr();
   EXPECT_EQ(-3, quarry_global_init_once());
-  quarry_handle* h = nullptr;
-  EXPECT_EQ(0, quarry_open_internal(&h, "b", 4096, 1, "d", "0", nullptr));
+  EXPECT_EQ(0, open("b"));
   EXPECT_EQ(-3, quarry_global_init_once());  // tried again on every call
-  EXPECT_EQ("", testing::internal::GetCapturedStderr());
+  EXPECT_EQ("", GetCapturedStderr());
   EXPECT_EQ(0, init_done);
   EXPECT_EQ(file + "/x/", quarry_env_get_quarry_path(process_env));
-  ASSERT_NE(nullptr, h);
-  EXPECT_EQ(0, std::string(h->cb->output_file_name).rfind(file + "/x/", 0));
-}
-
-TEST_F(FirstOpens, HostNameIsKeptAndAMalformedSetupFileFallsBackToTheEnvironment) {
-  quarry_set_process_name("svc one");
-  const std::string setup = quarry_test::make_dir("setup") + "quarry.setup";
-  quarry_test::write_file(setup, "QUARRY_PATH=/elsewhere\nbad line\n");
-  const char* candidates[] = {setup.c_str(), nullptr};
-  set_setup_file_candidates(candidates);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(0, open("a"));
-  EXPECT_EQ("Missing '=' after variable bad while parsing " + setup + "\n",
-            testing::internal::GetCapturedStderr());
-  set_setup_file_candidates(nullptr);
-  EXPECT_EQ(quarry_test::base_dir(), quarry_env_get_quarry_path(process_env));
-  EXPECT_EQ(0, open("b"));
-  EXPECT_EQ(1, init_done);
-  EXPECT_TRUE(quarry_test::file_exists(quarry_test::base_dir() + "svc_one/a/"));
-  EXPECT_TRUE(quarry_test::file_exists(quarry_test::base_dir() + "svc_one/quarry.info"));
+  // Without a name from the host, the program's path with '/' replaced names the process.
+  std::string derived = program_invocation_name;
+  for (char& c : derived) c = c == '/' ? '_' : c;
+  EXPECT_EQ(derived, process_name);
 }
 
 }  // namespace

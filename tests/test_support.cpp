@@ -2,15 +2,15 @@
 // after the library's own exit handler has run.
 #include "test_support.h"
 
-#include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 
 namespace quarry_test {
 namespace {
@@ -77,6 +77,20 @@ std::vector<uint32_t> words_of(const std::string& bytes) {
   std::vector<uint32_t> words(bytes.size() / 4);
   if (!words.empty()) memcpy(words.data(), bytes.data(), words.size() * 4);
   return words;
+}
+
+int in_child(const std::function<int()>& body, pid_t* pid_out) {
+  pid_t pid = fork();
+  if (pid_out != nullptr) *pid_out = pid;
+  if (pid == 0) {
+    alarm(30);  // a child that hangs ends instead of blocking the test
+    int result = body();
+    fflush(nullptr);
+    _exit(result);
+  }
+  int status = -1;
+  if (pid > 0) waitpid(pid, &status, 0);
+  return status;
 }
 
 }  // namespace quarry_test
