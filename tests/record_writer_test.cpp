@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <random>
@@ -13,7 +14,6 @@
 #include <tuple>
 #include <vector>
 
-#include "quarry/quarry.hpp"
 #include "record_writer.h"
 #include "ring.h"
 #include "test_support.h"
@@ -27,7 +27,6 @@ struct call {
   std::string sig;
   std::array<uint64_t, kSlots> args{};
   std::vector<std::string> texts = std::vector<std::string>(kSlots);
-  size_t count = 0;  // arguments
 };
 
 uint64_t text_arg(const char* text) {
@@ -170,12 +169,12 @@ uint32_t random_word(std::mt19937& rng) {
 call random_call(std::mt19937& rng, bool huge = true) {
   call c;
   const size_t chars = rng() % 8 == 0 ? 30 + rng() % 11 : rng() % 9;
-  while (c.sig.size() < chars) {
+  for (size_t count = 0; c.sig.size() < chars;) {
     const char code = "ddDsx"[rng() % 5];
     c.sig += code;
     if (code == 'x') continue;
-    uint64_t& arg = c.args[c.count];
-    std::string& text = c.texts[c.count++];
+    uint64_t& arg = c.args[count];
+    std::string& text = c.texts[count++];
     if (code == 'd') arg = random_word(rng);
     if (code == 'D') arg = uint64_t{random_word(rng)} << 32 | random_word(rng);
     if (code != 's') continue;
