@@ -113,11 +113,11 @@ foreach(entry ${QUARRY_COMPILE_FAIL_CASES})
             -P ${CMAKE_CURRENT_SOURCE_DIR}/compile_fail.cmake)
 endforeach()
 
-# QUARRY_RECORD compiled as strict C11, compared with QUARRY_TRACE by record_entries_test.
-if(TARGET record_entries_test)
+# QUARRY_RECORD compiled as strict C11, checked against the record model by record_writer_test.
+if(TARGET record_writer_test)
   add_library(record_c11 OBJECT record_c11.c)
   target_include_directories(record_c11 PRIVATE ${PROJECT_SOURCE_DIR}/include)
   set_target_properties(record_c11 PROPERTIES C_STANDARD 11 C_EXTENSIONS OFF)
   target_compile_options(record_c11 PRIVATE -Wpedantic)
-  target_sources(record_entries_test PRIVATE $<TARGET_OBJECTS:record_c11>)
+  target_sources(record_writer_test PRIVATE $<TARGET_OBJECTS:record_c11>)
 endif()

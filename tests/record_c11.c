@@ -1,5 +1,5 @@
 /* QUARRY_RECORD as a C11 host writes it (-Wall -Wextra -Wpedantic -Werror): one call per case,
- * which record_entries_test compares word for word with QUARRY_TRACE. */
+ * which record_writer_test checks word for word against its record model. */
 #include "quarry/quarry.h"
 
 void record_c11_case(quarry_handle* h, int which) {

@@ -20,8 +20,7 @@
 
 namespace quarry_test {
 
-// Everything built here lives until the process ends, like the library's own records; the
-// list (never destroyed, so it outlives the exit-time leak check) keeps it reachable.
+// Keeps `p` reachable until the process ends, like the library's own records.
 inline void* kept(void* p) {
   static auto* records = new std::vector<void*>();
   records->push_back(p);
@@ -45,8 +44,7 @@ inline circular_buffer* make_buffer(const std::string& dir) {
   return cb;
 }
 
-// Appends a handle with the given decode reference line, as the open does: node complete,
-// then linked, then counted.
+// Appends a handle as the open does: node complete, then linked, then counted.
 inline quarry_handle* add_handle(circular_buffer* cb, const char* name, const char* decode_ref) {
   auto* h = static_cast<quarry_handle*>(kept(calloc(1, sizeof(quarry_handle) + 1)));
   h->cb = cb;
@@ -85,8 +83,7 @@ inline bool make_unwritable(const circular_buffer* cb) {
   return true;
 }
 
-// Saves the process-wide state that these tests change, byte for byte, and restores it
-// afterwards, so that cases stay independent when the whole binary runs in one process.
+// Saves the process-wide state these tests change and restores it byte for byte afterwards.
 class LibraryStateTest : public ::testing::Test {
  protected:
   void SetUp() override {
