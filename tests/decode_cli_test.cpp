@@ -198,19 +198,17 @@ TEST_F(DecodeCli, DirectoriesPickTheNewestFilesAndMerge) {
   const std::string process = quarry_test::make_dir("proc");
   quarry_test::write_file(process + "quarry.info", "PROCESS_PID 4242\nDUMP_SIGNAL 62\n");
   for (const char* dir : {"a", "b", "empty"}) mkdir((process + dir).c_str(), 0777);
+  auto write = [&](const std::string& name, const std::string& bytes, time_t mtime) {
+    quarry_test::write_file(process + name, bytes);
+    const struct timespec times[2] = {{mtime, 0}, {mtime, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, (process + name).c_str(), times, 0));
+  };
   // Buffer a: an old file that must not be taken, the current one (odd times), and a newer
-  // file whose name is not a trace file's.
-  quarry_test::write_file(process + "a/quarry_1.trc", wrapped_file(kT0, 10, 10));
-  quarry_test::write_file(process + "a/quarry_0.trc", wrapped_file(kT0 + 5, 10, 10));
-  quarry_test::write_file(process + "a/quarry_1a.trc", "not a trace file");
-  struct timespec old_times[2] = {{1000, 0}, {1000, 0}};
-  ASSERT_EQ(0, utimensat(AT_FDCWD, (process + "a/quarry_1.trc").c_str(), old_times, 0));
-  // Buffer b: times that fall between a's.
-  quarry_test::write_file(process + "b/quarry.trc", wrapped_file(kT0, 10, 10));
-
-  CliResult one = run({"--monotonic", "--no-delta", process + "a"});
-  EXPECT_EQ(0, one.status) << one.err;
-  EXPECT_EQ(0u, one.out.find("[1000.500000005] "));
+  // file whose name is not a trace file's. Buffer b: times that fall between a's.
+  write("a/quarry_1.trc", wrapped_file(kT0, 10, 10), 1000);
+  write("a/quarry_0.trc", wrapped_file(kT0 + 5, 10, 10), 2000);
+  write("a/quarry_1a.trc", "not a trace file", 3000);
+  write("b/quarry.trc", wrapped_file(kT0, 10, 10), 2000);
 
   CliResult merged = run({"--monotonic", "--no-delta", process});
   EXPECT_EQ(0, merged.status) << merged.err;
@@ -221,8 +219,7 @@ TEST_F(DecodeCli, DirectoriesPickTheNewestFilesAndMerge) {
   for (size_t i = 0; i < times.size(); ++i) EXPECT_EQ(500000000 + 5 * i, times[i]) << i;
 
   // A wall clock 2 s apart is another mapping: b's records then all follow a's.
-  quarry_test::write_file(process + "b/quarry.trc",
-                          changed(wrapped_file(kT0, 10, 10), "SEC 65937d25", "SEC 65937d27"));
+  write("b/quarry.trc", changed(wrapped_file(kT0, 10, 10), "SEC 65937d25", "SEC 65937d27"), 2000);
   const std::vector<std::string> apart = lines_of(run({"--utc", process}).out);
   ASSERT_EQ(20u, apart.size());
   EXPECT_EQ(0u, apart.back().find("[2024-01-02 03:04:07.500000090]"));
