@@ -262,18 +262,18 @@ TEST_F(DecodeCli, LossesAreReportedOnceWithCountsAndTimes) {
   const size_t header = data_offset(bytes) + 4 * 500;
   ASSERT_EQ('\xff', bytes[header + 3]);
   bytes[header + 2] |= 1 << 3;
-  CliResult r = run({"--utc", put("lossy.trc", bytes)});
+  const std::string lossy = put("lossy.trc", bytes), name = "quarry-decode: " + lossy + ": ";
+  CliResult r = run({"--utc", lossy});
   EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(1u, count(r.err, "the buffer wrapped: "));
-  EXPECT_EQ(1u, count(r.err,
-                      "older records were overwritten (written between 2024-01-02 "
-                      "03:04:05.000000000 and 2024-01-02 03:04:05.5"));
-  EXPECT_EQ(1u,
-            count(r.err,
-                  "1 record could not be decoded (6 words skipped) between 2024-01-02 03:04:05.5"));
-  EXPECT_EQ(2u, count(r.err, "\n"));
+  EXPECT_EQ(name +
+                "the buffer wrapped: 229 older records were overwritten (written between "
+                "2024-01-02 03:04:05.000000000 and 2024-01-02 03:04:05.500230000)\n" +
+                name +
+                "1 record could not be decoded (6 words skipped) between 2024-01-02 "
+                "03:04:05.500253000 and 2024-01-02 03:04:05.500255000\n",
+            r.err);
   // With --summary the losses are part of the summary, not said again on standard error.
-  CliResult summary = run({"--summary", put("lossy.trc", bytes)});
+  CliResult summary = run({"--summary", lossy});
   EXPECT_EQ("", summary.err);
   EXPECT_EQ(1u, count(summary.out, "  lost: the buffer wrapped: "));
 }
