@@ -257,11 +257,11 @@ TEST_F(DecodeCli, NamedPipeIsReadUntilItEnds) {
 
 TEST_F(DecodeCli, LossesAreReportedOnceWithCountsAndTimes) {
   // 400 records of 6 words in 1024: the buffer wrapped twice, and the record written at word
-  // 1524 (6 * 254) lies at word 500. Its header now flags the value word, which is not escaped.
+  // 1524 (6 * 254) lies at word 500. Its header now flags a word beyond its numeric ones.
   std::string bytes = wrapped_file(kT0, 1000);
   const size_t header = data_offset(bytes) + 4 * 500;
   ASSERT_EQ('\xff', bytes[header + 3]);
-  bytes[header + 2] |= 1 << 3;
+  bytes[header + 2] |= 1 << 4;
   const std::string lossy = put("lossy.trc", bytes), name = "quarry-decode: " + lossy + ": ";
   CliResult r = run({"--utc", lossy});
   EXPECT_EQ(0, r.status) << r.err;
@@ -288,6 +288,7 @@ TEST_F(DecodeCli, Filters) {
   Ring ring(1024);
   for (uint32_t i = 0; i < 10; ++i)
     ring.add(encode(i % 2 ? 10 : 0, kT0 + i * 1000000000ull, 1 + i % 3 % 2, {d(i)}));
+  ring.add(encode(0, 2061000000000ull, 1, {d(9)}));  // over a minute after the dump: refused
   const std::string file = put("f.trc", ring.file(items));
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"--handle=net"}, "13579"},
