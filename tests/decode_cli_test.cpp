@@ -1,6 +1,6 @@
 // The quarry-decode command: usage errors, bad input (truncated, garbage, unknown version,
-// broken decode files, random corruption) reported with the file and the reason and never a
-// crash, inputs given as directories and named pipes, and the loss reports.
+// broken or hostile decode files, random corruption) reported with the file and the reason and
+// never a crash, inputs given as directories and named pipes, filters and the loss reports.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -30,6 +30,21 @@ size_t data_offset(const std::string& file) {
   return (file.find("\n\n") + 2 + 3) & ~size_t{3};
 }
 
+// `bytes` with the first `from` replaced by `to`.
+std::string changed(std::string bytes, const std::string& from, const std::string& to) {
+  return bytes.replace(bytes.find(from), from.size(), to);
+}
+
+// A trace file of one record whose header names the decode file `name`.
+std::string with_decode_file(const std::string& name, const std::string& file_name) {
+  HeaderItems items;
+  items.refs = {"QUARRY_DECODE_REF app \"" + name + "\" 0.9.1"};
+  Ring ring(64);
+  ring.add(encode(0, kT0, 1, {d(5), s("x")}));
+  ring.add(encode(1, kT0 + 1, 1, {d(6)}));
+  return put(file_name, ring.file(items));
+}
+
 class DecodeCli : public ::testing::Test {
  protected:
   void SetUp() override { put("t.dec", "0 n ds v text\n"); }
@@ -39,106 +54,115 @@ TEST_F(DecodeCli, UsageErrors) {
   CliResult help = run({"--help"});
   EXPECT_EQ(0, help.status);
   EXPECT_EQ(0u, help.out.find("Usage: quarry-decode [OPTION]... INPUT...\n"));
+  CliResult version = run({"--version"});
+  EXPECT_EQ(0, version.status);
+  EXPECT_EQ(0u, version.out.find("quarry-decode 1."));
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{}, "no input given\n"},
       {{"--bogus", "x"}, "unknown option --bogus\n"},
       {{"--format=xml", "x"}, "unknown format 'xml' (text, json or chrome)\n"},
       {{"x", "-f"}, "option -f needs a value\n"},
       {{"--summary=yes", "x"}, "option --summary takes no value\n"},
+      {{"--begin=yesterday", "x"}, "'yesterday' is not a time (YYYY-MM-DD HH:MM:SS[.frac], "},
+      {{"--last=5x", "x"}, "--last: '5x' is not a duration"},
+      {{"--end=2024-13-01 00:00", "x"}, "'2024-13-01 00:00' is not a time"},
+      {{"--end=2024-01-01 00:60", "x"}, "'2024-01-01 00:60' is not a time"},
   };
   for (const auto& c : cases) {
     CliResult r = run(c.first);
     EXPECT_EQ(kExitUsage, r.status) << c.second;
     EXPECT_EQ(0u, r.err.find("quarry-decode: " + c.second)) << r.err;
-    EXPECT_NE(std::string::npos, r.err.find("Try 'quarry-decode --help'."));
-  }
-  CliResult version = run({"--version"});
-  EXPECT_EQ(0, version.status);
-  EXPECT_EQ(0u, version.out.find("quarry-decode 1."));
-  for (const char* bad : {"--begin=yesterday", "--last=5x", "--end=2024-13-01 00:00"}) {
-    EXPECT_EQ(kExitUsage, run({bad, "x"}).status) << bad;
+    EXPECT_NE(std::string::npos, r.err.find("Try 'quarry-decode --help'.")) << r.err;
   }
   CliResult no_output = run({"-o", quarry_test::base_dir() + "t.dec/x", "in"});
   EXPECT_EQ(kExitUsage, no_output.status);
   EXPECT_NE(std::string::npos, no_output.err.find("t.dec/x: cannot create: Not a directory"));
 }
 
-// Each bad input names the file and what is wrong, exits with 1, and still shows what could
-// be decoded (the other inputs, the records before a cut).
-TEST_F(DecodeCli, BadFilesAreReportedAndTheRestIsShown) {
+// Bad inputs given together with a good one: each is named with what is wrong, the run exits
+// with 1, and the good file (and what could be read of the others) is still shown.
+TEST_F(DecodeCli, BadInputsAreReportedAndTheRestIsShown) {
   const std::string good = wrapped_file();
-  const std::string good_path = put("good.trc", good);
-  auto changed = [&](const std::string& from, const std::string& to) {
-    std::string bytes = good;
-    return bytes.replace(bytes.find(from), from.size(), to);
-  };
-  // Each input with what must follow its name in the message, and more that must be there.
-  const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+  const std::string dir = quarry_test::base_dir();
+  ASSERT_EQ(0, mkfifo((dir + "fifo.dec").c_str(), 0666));
+  ASSERT_EQ(0, truncate(put("big.dec", "0 n ds v text\n").c_str(), 17 << 20));
+  put("broken.dec", "0 n ds v text\n1 broken q\n");
+  // A valid header of a wrapped buffer, then words of random bytes.
+  std::mt19937 rng(5);
+  std::vector<uint32_t> noise(16384);
+  for (uint32_t& w : noise) w = static_cast<uint32_t>(rng());
+  HeaderItems noisy;
+  noisy.buffer_size = noisy.word_count = 16384;
+  // Each input with a part of its message.
+  const std::vector<std::pair<std::string, std::string>> cases = {
       {put("cut_data.trc", good.substr(0, data_offset(good) + 2000)),
-       {"truncated: the header announces 1024 data words, the file holds 500\n"}},
-      {put("stray.trc", good + "xy"), {}},  // past the announced data: ignored
+       "/cut_data.trc: truncated: the header announces 1024 data words, the file holds 500\n"},
       {put("cut_header.trc", good.substr(0, 100)),
-       {"the header ends before its empty line (truncated file)"}},
-      {put("empty.trc", ""), {"the file is empty"}},
+       "/cut_header.trc: the header ends before its empty line (truncated file)"},
+      {put("empty.trc", ""), "/empty.trc: the file is empty"},
       {put("garbage.trc", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16)),
-       {"header line 1: not a trace header item (expected KEY VALUE)"}},
-      {put("version.trc", changed("VERSION 1.0", "VERSION 9.9")),
-       {"unknown format VERSION \"9.9\" (this decoder reads 1.0)"}},
-      {put("nospace.trc", "VERSION 1.0\nNOSPACE\n\n"), {"header line 2: not a trace header item"}},
-      {put("hex.trc", changed("\nWORD_COUNT ", "\nWORD_COUNT z")),
-       {"", "WORD_COUNT", "not hexadecimal"}},
-      {put("pid.trc", changed("QUARRY_PROCESS_ID 4242", "QUARRY_PROCESS_ID 99999999999")),
-       {"", "QUARRY_PROCESS_ID", "range"}},
-      {put("ref.trc", changed(".dec\" 0.9.1", ".dec\" 0-9-1")), {"", "QUARRY_DECODE_REF"}},
+       "/garbage.trc: header line 1: not a trace header item (expected KEY VALUE)"},
+      {put("version.trc", changed(good, "VERSION 1.0", "VERSION 9.9")),
+       "/version.trc: unknown format VERSION \"9.9\" (this decoder reads 1.0)"},
+      {put("nospace.trc", "VERSION 1.0\nNOSPACE\n\n"), "/nospace.trc: header line 2: not a trace"},
+      {put("hex.trc", changed(good, "\nWORD_COUNT ", "\nWORD_COUNT z")),
+       "/hex.trc: header line 20: WORD_COUNT: value \"z960\" is not hexadecimal"},
+      {put("pid.trc", changed(good, "QUARRY_PROCESS_ID 4242", "QUARRY_PROCESS_ID 99999999999")),
+       "/pid.trc: header line 7: QUARRY_PROCESS_ID: value out of range"},
+      {put("ref.trc", changed(good, ".dec\" 0.9.1", ".dec\" 0-9-1")),
+       "/ref.trc: header line 24: QUARRY_DECODE_REF: expected \"<decode file>\" <first>.<last>"},
       {put("stream.trc", "VERSION 1.0\nPROG_NAME x\n\n   "),
-       {"the header has no BUFFER_SIZE or WORD_COUNT"}},
-      {quarry_test::base_dir() + "missing.trc", {"cannot access: No such file or directory"}},
+       "/stream.trc: the header has no BUFFER_SIZE or WORD_COUNT"},
+      {dir + "missing.trc", "/missing.trc: cannot access: No such file or directory"},
+      {put("noise.trc", header_text(noisy) + word_bytes(noise)),
+       "/noise.trc: most of the data could not be decoded"},
+      {with_decode_file("/dev/zero", "zero.trc"), "decode file /dev/zero is not a regular file"},
+      {with_decode_file(dir + "fifo.dec", "fifo.trc"), "/fifo.dec is not a regular file"},
+      {with_decode_file("big.dec", "big.trc"), "/big.dec is larger than 16 MiB"},
+      {with_decode_file("broken.dec", "broken.trc"), "/broken.dec:2: signature \"q\""},
   };
-  for (const auto& c : cases) {
-    CliResult r = run({c.first, good_path});
-    EXPECT_EQ(c.second.empty() ? 0 : kExitBadInput, r.status) << c.first << r.err;
-    for (size_t k = 0; k < c.second.size(); ++k) {
-      const std::string expected =
-          k == 0 ? "quarry-decode: " + c.first + ": " + c.second[0] : c.second[k];
-      EXPECT_NE(std::string::npos, r.err.find(expected)) << r.err;
-    }
-    EXPECT_GT(count(r.out, " app:n: { v = "), 50u) << "the good file is still decoded";
-  }
-  // The truncated wrapped file alone: the records that are there are shown.
-  CliResult cut = run({cases[0].first});
-  EXPECT_EQ(kExitBadInput, cut.status);
-  EXPECT_GT(count(cut.out, " app:n: { v = "), 50u);
+  std::vector<std::string> args = {put("good.trc", good)};
+  for (const auto& c : cases) args.push_back(c.first);
+  CliResult r = run(args);
+  EXPECT_EQ(kExitBadInput, r.status);
+  for (const auto& c : cases) EXPECT_EQ(1u, count(r.err, c.second)) << r.err;
+  // The good file's 171 records, and more than 50 of the truncated one.
+  EXPECT_GT(count(r.out, " app:n: { v = "), 171u + 50u);
+  EXPECT_NE(std::string::npos, r.out.find(" app:#0: "));
+  EXPECT_NE(std::string::npos, r.out.find(" app:#1: { words = [ 0x00000006 ] }\n"));
 }
 
-TEST_F(DecodeCli, DecodeFileErrorsAndSearch) {
-  put("t.dec", "0 n ds v text\n1 broken q\n");
-  Ring ring(1024);
-  ring.add(encode(0, kT0, 1, {d(5), s("x")}));
-  ring.add(encode(1, kT0 + 1, 1, {d(6)}));
-  // The bad line fails the run, the good ones are used.
-  CliResult r = run({"--no-delta", put("a.trc", ring.file(HeaderItems{}))});
-  EXPECT_EQ(kExitBadInput, r.status);
-  EXPECT_NE(std::string::npos,
-            r.err.find("quarry-decode: " + quarry_test::base_dir() + "t.dec:2: signature \"q\""));
-  EXPECT_NE(std::string::npos, r.out.find(" app:n: { v = 5, text = \"x\" }\n"));
-  EXPECT_NE(std::string::npos, r.out.find(" app:#1: { words = [ 0x00000006 ] }\n"));
-
-  // A decode file that does not exist is not an error of the input; it is said once.
-  HeaderItems items;
-  items.refs = {"QUARRY_DECODE_REF app \"nowhere.dec\" 0.9.1"};
-  const std::string a = put("a.trc", ring.file(items)), b = put("b.trc", ring.file(items));
-  CliResult missing = run({a, b});
-  EXPECT_EQ(0, missing.status) << missing.err;
-  EXPECT_EQ(1u, count(missing.err,
-                      "decode file \"nowhere.dec\" not found in " + quarry_test::base_dir()));
-  EXPECT_EQ(4u, count(missing.out, " app:#"));
-
-  // Directories given with -d come before the decode directory.
-  const std::string dir = quarry_test::make_dir("decode_files");
-  quarry_test::write_file(dir + "nowhere.dec", "0 found ds v t\n1 other d w\n");
-  CliResult found = run({"-d", dir, a});
-  EXPECT_EQ(0, found.status) << found.err;
-  EXPECT_EQ(1u, count(found.out, " app:other: { w = 6 }"));
+// Inputs that are not trace files, bytes after the data, and wall-clock values that put the first
+// record just below 2^63 ns and the next one beyond it.
+TEST_F(DecodeCli, HostileInputs) {
+  char usec[32];
+  snprintf(usec, sizeof usec, "%llx",
+           static_cast<unsigned long long>((INT64_MAX - kT0 + 1000000000000ull) / 1000));
+  HeaderItems items;  // later header items override earlier ones
+  items.extra = "WALL_TIME_SEC 0\nWALL_TIME_USEC " + std::string(usec) +
+                "\nWALL_TIME_Z_SEC ffffffffffffffff\n";
+  Ring ring(64);
+  ring.add(encode(0, kT0, 1, {d(1), s("")}));
+  ring.add(encode(0, kT0 + 1000, 1, {d(2), s("")}));
+  const std::string crafted = put("crafted.trc", ring.file(items));
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string err;  // a part of the diagnostics
+    std::string out;  // a part of the output
+  } cases[] = {
+      {{"/dev/zero"}, 1, "/dev/zero: header line 1: not a trace header item", ""},
+      {{"/dev/null"}, 1, "/dev/null: the stream is empty", ""},
+      {{put("stray.trc", wrapped_file() + "xy")}, 0, "2 bytes past the announced data", "v = 399"},
+      {{crafted}, 0, "", "] (+0.000001000) 1 app:n"},
+      {{"--summary", crafted}, 0, "", "wall clock against monotonic"},
+  };
+  for (const auto& c : cases) {
+    CliResult r = run(c.args);
+    EXPECT_EQ(c.status, r.status) << c.args[0] << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.err)) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find(c.out)) << r.out;
+  }
 }
 
 // Random damage anywhere in a file (header or data) and random truncation give an error or a
@@ -174,28 +198,31 @@ TEST_F(DecodeCli, DirectoriesPickTheNewestFilesAndMerge) {
   const std::string process = quarry_test::make_dir("proc");
   quarry_test::write_file(process + "quarry.info", "PROCESS_PID 4242\nDUMP_SIGNAL 62\n");
   for (const char* dir : {"a", "b", "empty"}) mkdir((process + dir).c_str(), 0777);
-  // Buffer a: an old file that must not be taken, and the current one (odd times).
-  quarry_test::write_file(process + "a/quarry_1.trc", wrapped_file(kT0, 10, 10));
-  quarry_test::write_file(process + "a/quarry_0.trc", wrapped_file(kT0 + 5, 10, 10));
-  quarry_test::write_file(process + "a/notes.trc", "not a trace file");
-  struct timespec old_times[2] = {{1000, 0}, {1000, 0}};
-  ASSERT_EQ(0, utimensat(AT_FDCWD, (process + "a/quarry_1.trc").c_str(), old_times, 0));
-  // Buffer b: times that fall between a's.
-  quarry_test::write_file(process + "b/quarry.trc", wrapped_file(kT0, 10, 10));
-
-  CliResult one = run({"--monotonic", "--no-delta", process + "a"});
-  EXPECT_EQ(0, one.status) << one.err;
-  EXPECT_EQ(0u, one.out.find("[1000.500000005] "));
+  auto write = [&](const std::string& name, const std::string& bytes, time_t mtime) {
+    quarry_test::write_file(process + name, bytes);
+    const struct timespec times[2] = {{mtime, 0}, {mtime, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, (process + name).c_str(), times, 0));
+  };
+  // Buffer a: an old file that must not be taken, the current one (odd times), and a newer
+  // file whose name is not a trace file's. Buffer b: times that fall between a's.
+  write("a/quarry_1.trc", wrapped_file(kT0, 10, 10), 1000);
+  write("a/quarry_0.trc", wrapped_file(kT0 + 5, 10, 10), 2000);
+  write("a/quarry_1a.trc", "not a trace file", 3000);
+  write("b/quarry.trc", wrapped_file(kT0, 10, 10), 2000);
 
   CliResult merged = run({"--monotonic", "--no-delta", process});
   EXPECT_EQ(0, merged.status) << merged.err;
   std::vector<uint64_t> times;
-  for (size_t at = merged.out.find("[1000."); at != std::string::npos;
-       at = merged.out.find("[1000.", at + 1)) {
-    times.push_back(std::stoull(merged.out.substr(at + 6, 9)));
-  }
+  for (const std::string& line : lines_of(merged.out))
+    times.push_back(std::stoull(line.substr(line.find("[1000.") + 6, 9)));
   ASSERT_EQ(20u, times.size());
   for (size_t i = 0; i < times.size(); ++i) EXPECT_EQ(500000000 + 5 * i, times[i]) << i;
+
+  // A wall clock 2 s apart is another mapping: b's records then all follow a's.
+  write("b/quarry.trc", changed(wrapped_file(kT0, 10, 10), "SEC 65937d25", "SEC 65937d27"), 2000);
+  const std::vector<std::string> apart = lines_of(run({"--utc", process}).out);
+  ASSERT_EQ(20u, apart.size());
+  EXPECT_EQ(0u, apart.back().find("[2024-01-02 03:04:07.500000090]"));
 
   CliResult nothing = run({process + "empty"});
   EXPECT_EQ(kExitBadInput, nothing.status);
@@ -230,82 +257,25 @@ TEST_F(DecodeCli, NamedPipeIsReadUntilItEnds) {
 
 TEST_F(DecodeCli, LossesAreReportedOnceWithCountsAndTimes) {
   // 400 records of 6 words in 1024: the buffer wrapped twice, and the record written at word
-  // 1524 (6 * 254) lies at word 500. Its header now flags the value word, which is not escaped.
+  // 1524 (6 * 254) lies at word 500. Its header now flags a word beyond its numeric ones.
   std::string bytes = wrapped_file(kT0, 1000);
   const size_t header = data_offset(bytes) + 4 * 500;
   ASSERT_EQ('\xff', bytes[header + 3]);
-  bytes[header + 2] |= 1 << 3;
-  CliResult r = run({"--utc", put("lossy.trc", bytes)});
+  bytes[header + 2] |= 1 << 4;
+  const std::string lossy = put("lossy.trc", bytes), name = "quarry-decode: " + lossy + ": ";
+  CliResult r = run({"--utc", lossy});
   EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_EQ(1u, count(r.err, "the buffer wrapped: "));
-  EXPECT_EQ(1u, count(r.err,
-                      "older records were overwritten (written between 2024-01-02 "
-                      "03:04:05.000000000 and 2024-01-02 03:04:05.5"));
-  EXPECT_EQ(1u,
-            count(r.err,
-                  "1 record could not be decoded (6 words skipped) between 2024-01-02 03:04:05.5"));
-  EXPECT_EQ(2u, count(r.err, "\n"));
+  EXPECT_EQ(name +
+                "the buffer wrapped: 229 older records were overwritten (written between "
+                "2024-01-02 03:04:05.000000000 and 2024-01-02 03:04:05.500230000)\n" +
+                name +
+                "1 record could not be decoded (6 words skipped) between 2024-01-02 "
+                "03:04:05.500253000 and 2024-01-02 03:04:05.500255000\n",
+            r.err);
   // With --summary the losses are part of the summary, not said again on standard error.
-  CliResult summary = run({"--summary", put("lossy.trc", bytes)});
+  CliResult summary = run({"--summary", lossy});
   EXPECT_EQ("", summary.err);
   EXPECT_EQ(1u, count(summary.out, "  lost: the buffer wrapped: "));
-}
-
-// Inputs made to be hostile: each gets its message and exit status, never a hang, a memory
-// blow-up or undefined behaviour (the sanitizer build runs this too).
-TEST_F(DecodeCli, HostileInputs) {
-  ASSERT_EQ(0, mkfifo((quarry_test::base_dir() + "fifo.dec").c_str(), 0666));
-  ASSERT_EQ(0, truncate(put("big.dec", "0 n ds v text\n").c_str(), 17 << 20));
-  auto with_decode_file = [](const std::string& name) {
-    HeaderItems items;
-    items.refs = {"QUARRY_DECODE_REF app \"" + name + "\" 0.9.1"};
-    Ring ring(64);
-    ring.add(encode(0, kT0, 1, {d(5), s("x")}));
-    return put(std::to_string(name.size()) + ".trc", ring.file(items));
-  };
-  // A valid header of a wrapped buffer, then words of random bytes.
-  std::mt19937 rng(5);
-  std::vector<uint32_t> noise(16384);
-  for (uint32_t& w : noise) w = static_cast<uint32_t>(rng());
-  HeaderItems items;
-  items.buffer_size = items.word_count = 16384;
-  const std::string garbage = put("garbage.trc", header_text(items) + word_bytes(noise));
-  // Wall-clock values that put the first record just below 2^63 ns and the next beyond it.
-  char usec[32];
-  snprintf(usec, sizeof usec, "%llx",
-           static_cast<unsigned long long>((INT64_MAX - kT0 + 1000000000000ull) / 1000));
-  Ring ring(64);
-  ring.add(encode(0, kT0, 1, {d(1), s("")}));
-  ring.add(encode(0, kT0 + 1000, 1, {d(2), s("")}));
-  const std::string file = ring.file(HeaderItems{});
-  std::string crafted = file.substr(0, file.find("\n\n") + 2);
-  crafted.replace(crafted.find("WALL_TIME_SEC 65937d25\nWALL_TIME_USEC 0"), 39,
-                  "WALL_TIME_SEC 0\nWALL_TIME_USEC " + std::string(usec));
-  const size_t omega = crafted.find("WALL_TIME_Z_SEC");
-  crafted.replace(omega, crafted.find('\n', omega) - omega, "WALL_TIME_Z_SEC ffffffffffffffff");
-  crafted.resize((crafted.size() + 3) / 4 * 4, ' ');
-  crafted += file.substr(data_offset(file));
-  const struct {
-    std::vector<std::string> args;
-    int status;
-    std::string err;  // a part of the diagnostics
-    std::string out;  // a part of the output
-  } cases[] = {
-      {{with_decode_file("/dev/zero")}, 1, "decode file /dev/zero is not a regular file", "#0"},
-      {{with_decode_file(quarry_test::base_dir() + "fifo.dec")}, 1, "is not a regular file", ""},
-      {{with_decode_file("big.dec")}, 1, "big.dec is larger than 16 MiB", "app:#0"},
-      {{garbage}, 1, "garbage.trc: most of the data could not be decoded", ""},
-      {{"/dev/zero"}, 1, "/dev/zero: header line 1: not a trace header item", ""},
-      {{"/dev/null"}, 1, "/dev/null: the stream is empty", ""},
-      {{put("crafted.trc", crafted)}, 0, "", "] (+0.000001000) 1 app:n"},
-      {{"--summary", put("crafted.trc", crafted)}, 0, "", "wall clock against monotonic"},
-  };
-  for (const auto& c : cases) {
-    CliResult r = run(c.args);
-    EXPECT_EQ(c.status, r.status) << c.args[0] << r.err;
-    EXPECT_NE(std::string::npos, r.err.find(c.err)) << r.err;
-    EXPECT_NE(std::string::npos, r.out.find(c.out)) << r.out;
-  }
 }
 
 // Records chosen by handle, trace point, thread and time: ten records a second apart,
@@ -318,6 +288,7 @@ TEST_F(DecodeCli, Filters) {
   Ring ring(1024);
   for (uint32_t i = 0; i < 10; ++i)
     ring.add(encode(i % 2 ? 10 : 0, kT0 + i * 1000000000ull, 1 + i % 3 % 2, {d(i)}));
+  ring.add(encode(0, 2061000000000ull, 1, {d(9)}));  // over a minute after the dump: refused
   const std::string file = put("f.trc", ring.file(items));
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"--handle=net"}, "13579"},

@@ -1,4 +1,4 @@
-// The typed front-end end to end: calls of a declared provider, dumped and decoded with the
+// The typed front-end end to end: calls of declared providers, dumped and decoded with the
 // decode file that the build generated from the same declaration; spans.
 #include <gtest/gtest.h>
 
@@ -13,14 +13,22 @@ QUARRY_PROVIDER(undecodable, "undecodable", "undecodable.dec", UNDECODABLE);
 
 namespace {
 
-// The same records from C++ and from C (tests/typed_c_host.c), decoded with the generated file.
+// The same records from C++ and from C (tests/typed_c_host.c), decoded with the generated file;
+// a span's begin and end around its scope, and nothing from a call before the open.
 TEST(DecodeTyped, GeneratedDecodeFileDecodesTheCalls) {
   quarry_set_process_name("typed_host");
+  typed_spans::note("before the open: a disabled call");
   quarry::provider<typed_points> typed(4096);
+  quarry::provider<typed_spans> spans(4096);
   ASSERT_EQ(0, typed.result());
+  ASSERT_EQ(0, spans.result());
   EXPECT_EQ(6u, typed_points::trace_point_count);  // one above the highest index
   EXPECT_EQ(quarry::decode_file_text<typed_points>(),
             quarry_test::read_file(QUARRY_TEST_DECODE_DIR "typed.dec"));
+  EXPECT_NE(
+      std::string::npos,
+      quarry::decode_file_text<typed_spans>().find(
+          "\n0 work_begin d item:u @begin:work = working on {item}\n1 work_end - @end:work\n"));
 
   typed_points::tick();
   typed_points::request(0xFF000000u, std::string_view("GET /x\0junk", 11));
@@ -28,12 +36,20 @@ TEST(DecodeTyped, GeneratedDecodeFileDecodesTheCalls) {
   typed_points::mixed(int8_t{-1}, nullptr, INT64_MIN, std::string("abcd"), typed_color::blue);
   typed_points::six(1u, 2u, 3u, 4u, 0xFFFFFFFFu, -6);
   typed_c_calls();
+  {
+    auto work = typed_spans::work(9u);
+    typed_spans::note("inside");
+  }
+  typed_spans::note("after");
   ASSERT_EQ(0, quarry_dump(typed.handle()));
+  ASSERT_EQ(0, quarry_dump(spans.handle()));
 
-  const decode_test::CliResult r = decode_test::run(
-      {"-d", QUARRY_TEST_DECODE_DIR, quarry_test::base_dir() + "typed_host/typed/"});
+  // spans.dec is not generated: those records show raw, by index.
+  const std::string dir = quarry_test::base_dir() + "typed_host/";
+  const decode_test::CliResult r =
+      decode_test::run({"-d", QUARRY_TEST_DECODE_DIR, dir + "typed/", dir + "spans/"});
   EXPECT_EQ(0, r.status) << r.err;
-  const char* const expected[] = {
+  const std::vector<std::string> calls = {
       "typed:tick\n",
       "typed:request: request 4278190080 for GET /x\n",  // cut at the NUL
       "typed:reply: reply -2 after 18446744073709551615 ns\n",
@@ -41,14 +57,16 @@ TEST(DecodeTyped, GeneratedDecodeFileDecodesTheCalls) {
        "name = \"abcd\", color = 200 }\n"),
       "typed:six: 1 2 3 4 4294967295 -6\n",
   };
+  const std::vector<std::string> span_indexes = {"spans:#0", "spans:#2", "spans:#1", "spans:#2"};
   size_t at = 0;
-  for (int round = 0; round < 2; ++round) {
-    for (const char* line : expected) {
-      at = r.out.find(line, at);
-      ASSERT_NE(std::string::npos, at) << line << " not in order in\n" << r.out;
-      at += strlen(line);
+  for (int round = 0; round < 3; ++round) {  // C++, C, spans
+    for (const std::string& part : round < 2 ? calls : span_indexes) {
+      at = r.out.find(part, at);
+      ASSERT_NE(std::string::npos, at) << part << " not in order in\n" << r.out;
+      at += part.size();
     }
   }
+  EXPECT_EQ(4u, decode_test::count(r.out, "spans:#"));
 }
 
 // The generator refuses messages the decoder would reject, so a build cannot ship them.
@@ -59,30 +77,6 @@ TEST(DecodeTyped, MessagesTheDecoderWouldRejectAreFound) {
       "a: the message placeholder {} names no argument\n"
       "b: unmatched } in the message\nb: unmatched { in the message\n",
       quarry::decode_file_problems<undecodable>());
-}
-
-TEST(DecodeTyped, SpansRecordBeginAndEndAroundTheirScope) {
-  quarry_set_process_name("span_host");
-  typed_spans::note("before the open: a disabled call");
-  quarry::provider<typed_spans> spans(4096);
-  ASSERT_EQ(0, spans.result());
-  {
-    auto work = typed_spans::work(9u);
-    typed_spans::note("inside");
-  }
-  typed_spans::note("after");
-  ASSERT_EQ(0, quarry_dump(spans.handle()));
-  // No decode file: the records show raw, by index, in the order written.
-  const decode_test::CliResult r = decode_test::run({quarry_test::base_dir() + "span_host/spans/"});
-  size_t at = 0;
-  for (const char* index : {"spans:#0", "spans:#2", "spans:#1", "spans:#2"}) {
-    at = r.out.find(index, at + 1);
-    ASSERT_NE(std::string::npos, at) << index << " not in order in\n" << r.out;
-  }
-  EXPECT_EQ(4u, decode_test::count(r.out, "spans:#"));
-  const std::string text = quarry::decode_file_text<typed_spans>();
-  EXPECT_NE(std::string::npos, text.find("\n0 work_begin d item:u @begin:work = working on {item}\n"
-                                         "1 work_end - @end:work\n"));
 }
 
 }  // namespace
