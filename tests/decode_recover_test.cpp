@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <random>
 #include <set>
 #include <thread>
@@ -50,10 +52,8 @@ void write_record(quarry_handle* h, uint32_t t, uint32_t n) {
                static_cast<unsigned long long>(check_of(t, n)));
 }
 
-uint64_t now_ns() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return ts.tv_sec * 1000000000ull + ts.tv_nsec;
+uint64_t now_ns() {  // CLOCK_MONOTONIC, as the records' timestamps
+  return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
 }
 
 // Forks a host named `name` whose `threads` writers write to `buffers` persistent buffers
@@ -110,9 +110,9 @@ Found recover_and_read(const std::string& run) {
   DecodeFileCache cache(decode_search_path({}));
   TraceData data = read_trace_bytes(recover_ring(run, cache), run, cache);
   EXPECT_TRUE(data.problems.empty()) << run;
-  std::map<std::string, std::string> keys(data.source->header.unknown_items.begin(),
-                                          data.source->header.unknown_items.end());
-  EXPECT_EQ("1", keys["RECOVERED"]);
+  const auto& items = data.source->header.unknown_items;
+  EXPECT_EQ(1, std::count(items.begin(), items.end(),
+                          std::pair<std::string, std::string>("RECOVERED", "1")));
   struct Sink : RecordSink {
     Found found;
     void on_record(const Record& r) override {
@@ -240,10 +240,6 @@ TEST_F(Recovery, RestartsKeepThePreviousRuns) {
   pid_t previous = 0;
   for (uint32_t r = 0; r < 6; ++r) {
     new (p_) Progress();
-    auto reuse_pid = [&] {
-      if (r == 3)
-        rename(run_dir("restart", 0, previous).c_str(), run_dir("restart", 0, getpid()).c_str());
-    };
     previous = spawn(
         "restart", p_, 0, 1, 4096,
         [&](quarry_handle* h) {
@@ -255,7 +251,11 @@ TEST_F(Recovery, RestartsKeepThePreviousRuns) {
             _exit(0);
           }
         },
-        reuse_pid);
+        [&] {
+          if (r == 3)
+            rename(run_dir("restart", 0, previous).c_str(),
+                   run_dir("restart", 0, getpid()).c_str());
+        });
     while (r < 5 && p_->done[0][0] != 50) std::this_thread::yield();
     if (r < 5) kill(previous, SIGKILL);
     waitpid(previous, nullptr, 0);

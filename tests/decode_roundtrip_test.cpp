@@ -242,6 +242,22 @@ TEST_F(DecodeRoundTrip, BuffersOfOneProcessMergeInExactTimeOrder) {
     const uint64_t v = number(line, "v");
     ASSERT_EQ(next_of_thread[v / 100000]++, v) << line;
   }
+
+  // Ties of the clock are rare there; two files whose records share a clock step are ordered by
+  // the index bits, not by the order of the inputs.
+  using decode_test::encode;
+  decode_test::HeaderItems items;
+  items.refs = {"QUARRY_DECODE_REF app \"merge.dec\" 0.9.1"};
+  items.extra = "TS_IDX_MSK 3\n";
+  decode_test::Ring late(1024), early(1024);
+  late.add(encode(0, decode_test::kT0 + 2, 1, {decode_test::d(2)}));
+  early.add(encode(0, decode_test::kT0 + 1, 1, {decode_test::d(1)}));
+  r = decode_test::run({"--format=json", decode_test::put("late.trc", late.file(items)),
+                        decode_test::put("early.trc", early.file(items))});
+  lines = decode_test::lines_of(r.out);
+  ASSERT_EQ(2u, lines.size()) << r.err;
+  EXPECT_EQ(std::make_pair(1ull, 2ull),
+            std::make_pair(number(lines[0], "v"), number(lines[1], "v")));
 }
 
 }  // namespace
