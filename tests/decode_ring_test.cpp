@@ -1,8 +1,9 @@
 // Walking the ring of a trace file built byte by byte: escapes and the escape word, a wrapped
 // buffer whose oldest record is cut, string words that look like headers, strings across the
-// end, and records that do not fit their signature.
+// end, records that do not fit their signature, and the layouts the header counters describe.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <tuple>
 
@@ -19,53 +20,33 @@ Decoded decode(const std::string& bytes, const std::string& decode_file_text) {
   return decode_all(read_trace_bytes(bytes, "test.trc", cache));
 }
 
-// The escape edge values in every escapable position, with the flags in the header (fewer
-// than six numeric words) and in the escape word (six or more). With 29 numeric words flag bit
-// 31 exists: when all flags are set the escape word itself is stored escaped (0x7FFFFFFF); when
-// the flags only reach bit 30 the stored escape word also reads 0x7F..., and the last numeric
-// word tells them apart.
-TEST(DecodeRing, EscapedWordsAreRestored) {
-  const std::string dec = "0 few dD a b\n1 many dddddd a b c e f g\n2 wide DDDs a b c t\n" +
-                          std::string("3 none -\n4 full ") + std::string(29, 'd') + "\n";
-  std::vector<Arg> up_to_bit_30(29, d(5));
-  for (size_t i = 21; i < 28; ++i) up_to_bit_30[i] = d(0xFF00FF00u);  // flag bits 24..30
-  const std::vector<std::pair<uint32_t, std::vector<Arg>>> calls = {
-      {0, {d(0xFF000000u), D(0x00000001FFFFFFFFull)}},
-      {0, {d(0x7F000000u), D(0xFFFFFFFFFF000000ull)}},
-      {1, {d(0xFEFFFFFFu), d(0xFFFFFFFFu), d(0), d(0xFF000000u), d(0x7FFFFFFFu), d(0xFFFFFFFFu)}},
-      {2, {D(~0ull), D(0xFF000000FF000000ull), D(42), s("x\xff\xff\xff")}},
-      {3, {}},
-      {4, std::vector<Arg>(29, d(0xFFFFFFFFu))},
-      {4, up_to_bit_30},
-  };
-  Ring ring(1024);
-  const uint64_t ts = 0x000000E9FFFFFFFFull;  // the low timestamp and thread words escape too
-  for (const auto& call : calls) ring.add(encode(call.first, ts, 0xFF123400u, call.second));
-  ASSERT_EQ(0x7Fu, ring.words[ring.position - 1] >> 24);  // the ambiguous-looking escape word
-  Decoded out = decode(ring.file(HeaderItems{}), dec);
-  ASSERT_EQ(calls.size(), out.records.size());
-  for (size_t i = 0; i < calls.size(); ++i) {
-    EXPECT_EQ(ts, out.records[i].timestamp);
-    EXPECT_EQ(0xFF123400u, out.records[i].thread);
-    EXPECT_FALSE(out.records[i].raw);
-    EXPECT_EQ(calls[i].second, out.records[i].args) << i;
-  }
-  EXPECT_EQ(0u, out.stats().rejected);
-  EXPECT_EQ(0u, out.stats().skipped_words);
-}
-
-// Records of random signatures with strings whose words look like headers (0xFF in the top
-// byte) fill a small ring several times over. Every record that lies wholly in the ring is
-// decoded, in order; the partly overwritten one at the oldest end is skipped, not counted as
-// damage, whatever header-like words it holds. The handle covers every ID, and the decode file
-// describes the IDs those string words spell, so only the record checks can reject them.
+// Records of random signatures, with strings whose words look like headers (0xFF in the top
+// byte), fill a small ring several times over; the newest are the escape edge values in every
+// escapable position, flags in the header (under six numeric words) and in the escape word.
+// Every record wholly in the ring decodes, in order; the cut one at the oldest end is skipped,
+// not counted as damage. The handle covers every ID and the decode file describes the IDs the
+// string words spell, so only the record checks can reject them.
 TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
   const std::string sigs[] = {"s", "ds", "sD", "dddddds", "ss", "-", "dsd"};
-  std::string dec = "16705 fake1 -\n65535 fake2 d\n";  // 0x4141 'AA' and 0xFFFF
+  std::string dec = "16705 fake1 -\n65535 fake2 d\n7 few dD\n8 many dddddd\n9 wide DDDs\n";
   for (size_t i = 0; i < 7; ++i)
     dec += std::to_string(i) + " p" + std::to_string(i) + " " + sigs[i] + "\n";
+  dec += "10 full " + std::string(29, 'd') + "\n";
   HeaderItems items;
   items.refs = {"QUARRY_DECODE_REF all \"t.dec\" 0.65535.1"};
+  // With 29 numeric words flag bit 31 exists: all flags set store the escape word escaped
+  // (0x7FFFFFFF); flags up to bit 30 store it as 0x7F... too, and the last word tells them apart.
+  std::vector<Arg> up_to_bit_30(29, d(5));
+  for (size_t i = 21; i < 28; ++i) up_to_bit_30[i] = d(0xFF00FF00u);  // flag bits 24..30
+  const std::vector<std::pair<uint32_t, std::vector<Arg>>> edges = {
+      {7, {d(0xFF000000u), D(0x00000001FFFFFFFFull)}},
+      {7, {d(0x7F000000u), D(0xFFFFFFFFFF000000ull)}},
+      {8, {d(0xFEFFFFFFu), d(0xFFFFFFFFu), d(0), d(0xFF000000u), d(0x7FFFFFFFu), d(0xFFFFFFFFu)}},
+      {9, {D(~0ull), D(0xFF000000FF000000ull), D(42), s("x\xff\xff\xff")}},
+      {5, {}},
+      {10, std::vector<Arg>(29, d(0xFFFFFFFFu))},
+      {10, up_to_bit_30},
+  };
 
   for (uint32_t seed = 1; seed <= 40; ++seed) {
     std::mt19937 rng(seed);
@@ -74,6 +55,13 @@ TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
     std::vector<Seen> placed;
     std::vector<uint64_t> starts;  // of the placed records
     bool crossed = false;
+    auto place = [&](const Seen& r) {
+      const std::vector<uint32_t> words = encode(r.id, r.timestamp, r.thread, r.args);
+      crossed |= ring.position % 1024 + words.size() > 1024;
+      placed.push_back(r);
+      starts.push_back(ring.position);
+      ring.add(words);
+    };
     for (uint64_t ts = kT0; ring.position < 1024 * 3 + rng() % 1024;) {
       Seen r{u32() % 7, ts += 1 + u32() % 1000, u32(), false, "", {}};
       for (char c : sigs[r.id]) {
@@ -81,28 +69,26 @@ TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
         if (c == 'D') r.args.push_back(D(static_cast<uint64_t>(u32()) << 32 | u32()));
         if (c != 's') continue;
         std::string text(rng() % 23, 'A');
-        // Every fourth byte (the top byte of a word) is often 0xFF.
-        for (size_t k = 0; k < text.size(); ++k)
+        for (size_t k = 0; k < text.size(); ++k)  // the top byte of a word often 0xFF
           text[k] = k % 4 == 3 && rng() % 2 ? '\xff' : static_cast<char>('A' + rng() % 3);
         r.args.push_back(s(text));
       }
-      const std::vector<uint32_t> words = encode(r.id, r.timestamp, r.thread, r.args);
-      crossed |= ring.position % 1024 + words.size() > 1024;
-      placed.push_back(r);
-      starts.push_back(ring.position);
-      ring.add(words);
+      place(r);
     }
+    // The low timestamp and the thread words escape too.
+    for (const auto& edge : edges)
+      place(Seen{edge.first, 0xE9FFFFFFFFull, 0xFF123400u, false, "", edge.second});
     ASSERT_TRUE(crossed);
+    ASSERT_EQ(0x7Fu, ring.words[(ring.position - 1) % 1024] >> 24);  // the last escape word
     Decoded out = decode(ring.file(items), dec);
-    std::vector<const Seen*> complete;
-    for (size_t i = 0; i < placed.size(); ++i)
-      if (starts[i] >= ring.position - 1024) complete.push_back(&placed[i]);
-    ASSERT_EQ(complete.size(), out.records.size()) << "seed " << seed;
-    for (size_t i = 0; i < complete.size(); ++i) {
-      EXPECT_EQ(complete[i]->id, out.records[i].id) << "seed " << seed << " record " << i;
-      EXPECT_EQ(complete[i]->timestamp, out.records[i].timestamp);
-      EXPECT_EQ(complete[i]->thread, out.records[i].thread);
-      EXPECT_EQ(complete[i]->args, out.records[i].args);
+    const size_t first =
+        std::lower_bound(starts.begin(), starts.end(), ring.position - 1024) - starts.begin();
+    ASSERT_EQ(placed.size() - first, out.records.size()) << "seed " << seed;
+    for (size_t i = first; i < placed.size(); ++i) {
+      const Seen &w = placed[i], &r = out.records[i - first];
+      EXPECT_EQ(std::tie(w.id, w.timestamp, w.thread, w.args),
+                std::tie(r.id, r.timestamp, r.thread, r.args))
+          << "seed " << seed << " record " << i;
     }
     EXPECT_EQ(0u, out.stats().rejected) << "seed " << seed;
     EXPECT_EQ(out.stats().seam_words, out.stats().skipped_words);
@@ -125,9 +111,9 @@ TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
   std::vector<uint32_t> bad_flag = encode(0, kT0 + 6, 1, {d(6)});
   bad_flag[0] |= 1u << 19;
   ring.add(bad_flag);
-  // A flag beyond the record's escapable words; an escape word whose low byte is not the
-  // header's flags; a string whose NUL is followed by other bytes.
-  bad_flag[0] ^= 1u << 19 | 1u << 21;
+  // The first flag beyond the record's escapable words; an escape word whose low byte is not
+  // the header's flags; a string whose NUL is followed by other bytes.
+  bad_flag[0] ^= 1u << 19 | 1u << 20;
   ring.add(bad_flag);
   std::vector<uint32_t> six = encode(3, kT0 + 6, 1, {d(0x7F000001u), d(0), d(0), d(0), d(0), d(0)});
   six.back() |= 1u << 3;
@@ -138,8 +124,9 @@ TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
   overwritten.resize(5);
   ring.add(overwritten);
   ring.add(encode(0, kT0 + 9, 1, {d(9)}));
-  ring.add(encode(50, kT0 + 10, 1, {d(10)}));  // an ID that no handle holds
-  ring.add(encode(0, 5, 1, {d(11)}));          // a time before the buffer was created
+  ring.add(encode(50, kT0 + 10, 1, {d(10)}));         // an ID that no handle holds
+  ring.add(encode(0, 5, 1, {d(11)}));                 // a time before the buffer was created
+  ring.add(encode(0, 3000000000000ull, 1, {d(11)}));  // and one long after the dump
   ring.add(encode(0, kT0 + 12, 1, {d(12)}));
   ring.add(encode(2, kT0 + 13, 1, {d(13), d(14)}));
   --ring.position;  // the last record runs past the end of the valid data
@@ -150,13 +137,14 @@ TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
   for (const Seen& r : out.records) values.push_back(r.args.empty() ? 0 : r.args[0].number);
   EXPECT_EQ((std::vector<uint64_t>{1, 3, 5, 9, 12}), values);
   const DecodeStats& st = out.stats();  // damage from the last good record to the end
-  EXPECT_EQ(std::make_tuple(10u, 0u, true, false, true, kT0),
+  EXPECT_EQ(std::make_tuple(11u, 0u, true, false, true, kT0),
             std::make_tuple(st.rejected, st.seam_words, st.damage, st.damage_from_start,
                             st.damage_to_end, st.damage_from_ns));
 }
 
 // Without a decode file a record runs up to the next header word; its fixed words are still
-// restored from the header flags, the rest is shown as stored.
+// restored from the header flags, the rest is shown as stored. Without any decode reference
+// every ID is shown raw.
 TEST(DecodeRing, RecordsWithoutSignatureAreRaw) {
   Ring ring(1024);
   ring.add(encode(3, kT0, 0xFFFFFFFFu, {d(0xFF000001u), s("abc")}));
@@ -167,56 +155,76 @@ TEST(DecodeRing, RecordsWithoutSignatureAreRaw) {
   EXPECT_TRUE(out.records[0].raw);
   EXPECT_EQ("app:#3", out.records[0].display);
   EXPECT_EQ(0xFFFFFFFFu, out.records[0].thread);
-  // The words after the thread word, as stored.
   EXPECT_EQ((std::vector<Arg>{{'w', 0x7F000001u, ""}, {'w', 0x00636261u, ""}}),
             out.records[0].args);
   EXPECT_EQ(0u, out.records[1].args.size());
   EXPECT_EQ(2u, out.stats().raw_records);
-
-  items.refs.clear();  // a header without any decode reference: every ID is shown raw
-  Decoded bare = decode(ring.file(items), "");
-  ASSERT_EQ(2u, bare.records.size());
-  EXPECT_EQ("#3", bare.records[0].display);
+  items.refs.clear();
+  EXPECT_EQ("#3", decode(ring.file(items), "").records.at(0).display);
 }
 
-// WORD_COUNT passed 2^32 and restarted below BUFFER_SIZE: only its words are in the file, and
-// the first of them may continue a record that began near the end.
-TEST(DecodeRing, CounterRestartedBelowBufferSize) {
-  std::vector<uint32_t> data = {0x41414141u, 0x00000000u};  // end of an older string
-  const std::vector<uint32_t> record = encode(0, kT0, 1, {d(77)});
-  data.insert(data.end(), record.begin(), record.end());
-  HeaderItems items;
-  items.word_count = static_cast<uint32_t>(data.size());
-  items.wraparound_count = 4194305;
-  items.entry_count = 5;
-  Decoded out = decode(header_text(items) + word_bytes(data), "0 n d v\n");
-  ASSERT_EQ(1u, out.records.size());
-  EXPECT_EQ(77u, out.records[0].args[0].number);
-  EXPECT_EQ(2u, out.stats().seam_words);
-  EXPECT_FALSE(out.stats().damage);
-}
-
-// A wrapped file cut short loses the newest end of the older piece: what survives is the
-// oldest words up to the cut, then the words from position 0 up to the write position. A record
-// that ran into the lost part must neither be decoded nor glued to the words after the gap.
-TEST(DecodeRing, TruncatedWrappedFileDecodesBothPiecesApart) {
-  Ring ring(1024);
-  for (uint32_t k = 0; k < 300; ++k) ring.add(encode(0, kT0 + k, 1, {d(k)}));  // 5 words each
-  const std::string whole = ring.file(HeaderItems{});
-  const size_t cut_words = 1024 - 800;  // the file holds positions 0 to 799
-  Decoded out = decode(whole.substr(0, whole.size() - cut_words * 4), "0 r d k\n");
-  EXPECT_EQ(1u, out.data.problems.size());  // reported as truncated
-  // Absolute words 476..799 (records 96 to 159) and 1024..1499 (records 205 to 299) survive;
-  // record 95 is cut at the seam, 160 to 203 are lost and 204 straddles the gap.
-  std::vector<uint64_t> expected;
-  for (uint64_t k = 96; k <= 159; ++k) expected.push_back(k);
-  for (uint64_t k = 205; k <= 299; ++k) expected.push_back(k);
-  std::vector<uint64_t> decoded;
-  for (const Seen& r : out.records) {
-    EXPECT_EQ(kT0 + r.args.at(0).number, r.timestamp);
-    decoded.push_back(r.args.at(0).number);
+// Records k = 0, 1, ... of 4 or 5 words laid in a ring; the header's counters and the words the
+// file holds say which survive.
+TEST(DecodeRing, CountersLayOutTheData) {
+  const struct {
+    const char* what;
+    uint32_t size, records, record_words;
+    uint32_t word_count, wraps, kept;                     // word_count and kept 0: as written
+    std::vector<std::pair<uint64_t, uint64_t>> expected;  // ranges of k
+    bool wrapped;
+    size_t problems, notes;
+  } kCases[] = {
+      {"a full ring whose last record ends at the end",
+       1024,
+       256,
+       4,
+       0,
+       0,
+       0,
+       {{0, 255}},
+       true,
+       0,
+       0},
+      // Words 476..799 and 1024..1499 survive; record 95 is cut at the seam, 204 straddles the
+      // gap and must not be glued to the words after it.
+      {"a wrapped file cut short", 1024, 300, 5, 0, 1, 800, {{96, 159}, {205, 299}}, true, 1, 0},
+      // Past 2^32 the counter restarted: position 0 holds the last word of record 204.
+      {"WORD_COUNT restarted below the size",
+       1024,
+       210,
+       5,
+       26,
+       4194305,
+       26,
+       {{205, 209}},
+       false,
+       0,
+       0},
+      {"a size that is not a power of two", 1000, 10, 5, 0, 0, 0, {{0, 9}}, false, 0, 1},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    Ring ring(c.size);
+    for (uint32_t k = 0; k < c.records; ++k)
+      ring.add(encode(c.record_words - 4, kT0 + k, 1, std::vector<Arg>(c.record_words - 4, d(k))));
+    HeaderItems items;
+    items.buffer_size = c.size;
+    items.word_count = c.word_count ? c.word_count : static_cast<uint32_t>(ring.position);
+    items.wraparound_count = c.wraps;
+    const size_t kept = c.kept ? c.kept : std::min<size_t>(ring.position, c.size);
+    const std::vector<uint32_t> data(ring.words.begin(), ring.words.begin() + kept);
+    Decoded out = decode(header_text(items) + word_bytes(data), "0 e -\n1 r d k\n");
+    std::vector<uint64_t> expected, decoded;
+    for (const auto& range : c.expected)
+      for (uint64_t k = range.first; k <= range.second; ++k) expected.push_back(k);
+    for (const Seen& r : out.records) decoded.push_back(r.timestamp - kT0);
+    EXPECT_EQ(expected, decoded);
+    EXPECT_EQ(c.wrapped, out.data.source->wrapped);
+    EXPECT_EQ(c.problems, out.data.problems.size());
+    EXPECT_EQ(c.notes, out.data.notes.size());
+    EXPECT_EQ(0u, out.stats().rejected);
+    EXPECT_EQ(out.stats().seam_words, out.stats().skipped_words);
   }
-  EXPECT_EQ(expected, decoded);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Helpers for the decoder tests: trace files and streams built byte by byte (independently of
-// the library's writer, so that damaged and edge-case data can be made on purpose), decoding
-// into copies of the records, and quarry-decode run in this process.
+// Helpers for the decoder tests: trace files and streams built byte by byte, independently of
+// the library's writer; decoding into copies of the records; quarry-decode run in this process.
 #pragma once
 
 #include <stdint.h>
@@ -17,8 +16,7 @@
 
 namespace decode_test {
 
-// Monotonic 1000.5 s, between the creation and the dump of the default header: wall-clock
-// time 2024-01-02 03:04:05.5 UTC.
+// Monotonic 1000.5 s, between the default header's creation and dump: 2024-01-02 03:04:05.5 UTC.
 constexpr uint64_t kT0 = 1000500000000ull;
 
 // An argument as written or decoded: 'd', 'D' and 'w' (a raw word) use `number`, 's' `text`.
@@ -37,8 +35,8 @@ const auto d = [](uint32_t v) { return Arg{'d', v, ""}; };
 const auto D = [](uint64_t v) { return Arg{'D', v, ""}; };
 const auto s = [](const std::string& v) { return Arg{'s', 0, v}; };
 
-// One record's words as the format lays them out: escapes with flags in the header (and in
-// the escape word with six or more numeric words), strings packed and NUL-padded.
+// One record's words: escape flags in the header (and in the escape word with six or more
+// numeric words), strings packed and NUL-padded.
 inline std::vector<uint32_t> encode(uint32_t id, uint64_t timestamp, uint32_t thread,
                                     const std::vector<Arg>& args) {
   std::vector<uint32_t> words(1, 0);
@@ -68,8 +66,7 @@ inline std::vector<uint32_t> encode(uint32_t id, uint64_t timestamp, uint32_t th
   return words;
 }
 
-// The header items of a trace file. Records belong at a monotonic time of about 1000 s (the
-// buffer was created at 1000 s); wall-clock time is 2024-01-02 03:04:05 UTC at monotonic 1000 s.
+// The header items of a trace file: created at monotonic 1000 s, 2024-01-02 03:04:05 UTC.
 struct HeaderItems {
   std::vector<std::string> refs = {"QUARRY_DECODE_REF app \"t.dec\" 0.9.1"};
   std::vector<std::string> threads;
@@ -104,8 +101,8 @@ inline std::string word_bytes(const std::vector<uint32_t>& words) {
   return std::string(reinterpret_cast<const char*>(words.data()), words.size() * 4);
 }
 
-// A ring of `size` words into which records are laid as the writer lays them, wrapping at the
-// end; file() gives the trace file with the matching counters.
+// Records laid into a ring of `size` words as the writer lays them; file() gives the trace
+// file with the matching counters.
 struct Ring {
   explicit Ring(uint32_t size) : words(size, 0) {}
   void add(const std::vector<uint32_t>& record) {
