@@ -73,6 +73,9 @@ TEST(Quarryctl, CommandsAgainstALiveHost) {
   fake_process("ghost", "4194304");                // above any PID
   fake_process("self", std::to_string(getpid()));  // alive; the dump signal would end the test
   const std::string net_ctrl = base_dir() + "demo_host/net/quarry.ctrl";
+  // 12 records span at least two of the host's ticks, each with two net/io records.
+  const std::string stream = "stream demo_host net 'net/*' --format=json";
+  const std::string net = "\"handle\":\"net\"", io = "\"handle\":\"net/io\"";
   struct Step {
     std::string command;
     int status;
@@ -81,33 +84,16 @@ TEST(Quarryctl, CommandsAgainstALiveHost) {
     std::string ctrl = "";           // in net's control file afterwards; "": left unchanged
     int max_lines = -1;
   } steps[] = {
-      {"ls",
-       0,
-       {"demo_host  PID " + pid + "  running", "TRACE    NOPIPE  net/io",
-        "ghost  PID 4194304  stale"}},
+      {"ls", 0, {"demo_host  PID " + pid + "  running", "ghost  PID 4194304  stale"}},
+      {"ls demo_host", 0, {"TRACE    NOPIPE  net/io"}, "ghost"},
       {"ls demo_host --json", 0, {"\"live\": true"}, "ghost"},
       {"dump demo_host", 0, {"demo_host/net/quarry_", "demo_host/app/quarry_"}},
       // One buffer through its control file, which must not keep the dump request.
-      {"dump " + pid + " net --decode=json",
-       0,
-       {"\"handle\":\"net/io\""},
-       "\"handle\":\"app\"",
-       "DUMP off\n"},
+      {"dump " + pid + " net --decode=json", 0, {io}, "\"handle\":\"app\"", "DUMP off\n"},
       {"off demo_host 'net/*'", 0, {}, "", "\nNOTRACE net/io\n"},
-      // 12 records span at least two of the host's ticks, each with two net/io records.
-      {"stream demo_host net 'net/*' --format=json",
-       0,
-       {"\"handle\":\"net\""},
-       "\"handle\":\"net/io\"",
-       "",
-       12},
+      {stream, 0, {net}, io, "", 12},
       {"on demo_host net/io", 0, {}, "", "\nTRACE net/io\n"},
-      {"stream demo_host net 'net/*' --format=json",
-       0,
-       {"\"handle\":\"net\"", "\"handle\":\"net/io\""},
-       "",
-       "",
-       12},
+      {stream, 0, {net, io}, "", "", 12},
       {"dump ghost", 1, {"not running"}},
       {"dump self", 1, {"does not catch signal 62"}},
       {"off demo_host nosuch", 1, {"unknown handle 'nosuch' (handles: app, net/io, net)"}},
