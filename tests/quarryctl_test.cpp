@@ -98,13 +98,15 @@ TEST(Quarryctl, CommandsAgainstALiveHost) {
       {"dump self", 1, {"does not catch signal 62"}},
       {"off demo_host nosuch", 1, {"unknown handle 'nosuch' (handles: app, net/io, net)"}},
       {"on demo_host 'disk/*'", 1, {"no handle matches 'disk/*'"}},
-      {"resize demo_host net 4K", 1, {"never shrinks"}},
+      {"resize demo_host net 32K", 1, {"never shrinks"}},
       {"resize demo_host net lots", 2, {"expected bytes"}},
       {"rotate demo_host net 0", 1, {"count 0"}},
       {"rotate demo_host net -3", 1, {"count -3"}},
       {"resize demo_host nosuch 1M", 1, {"no such buffer (buffers: app, net)"}},
       {"dump nosuch", 1, {"nosuch: no such process directory"}},
       {"frob", 2, {"unknown command"}},
+      {"resize demo_host net 1M", 0, {}, "", "MAX_SIZE 1048576\n"},
+      {"rotate demo_host net 3", 0, {}, "", "FILE_LOOP_COUNT 3\n"},
   };
   for (const Step& step : steps) {
     const std::string before = read_file(net_ctrl);
@@ -134,11 +136,12 @@ TEST(ControlFile, ReadsLikeTheLibraryAndRoundTrips) {
   using quarry_layout::parse_control;
   quarry_layout::ControlState s = parse_control(
       "MAX_SIZE lots\nDUMP On\nFILE_LOOP_COUNT 0\nTRACE a\nNOPIPE a\nNOTRAC a\n"
-      "NOTRACE \"a\"\n#NOTRACE a\n  PIPE a\nTRACE\n");
+      "NOTRACE \"a\\\"b\"\n#NOTRACE a\n  PIPE a\nTRACE\n");
   EXPECT_EQ(s.max_size, 0u);
   EXPECT_TRUE(s.dump);
   EXPECT_EQ(s.loop_count, 2);
-  ASSERT_EQ(s.handles.size(), 2u);  // "a" and the quoted "\"a\"", which matches no handle
+  ASSERT_EQ(s.handles.size(), 2u);  // "a", and a quoted name (quotes kept) that matches none
+  EXPECT_EQ(s.handles[1].name, "\"a\\\"b\"");
   EXPECT_TRUE(s.handles[0].trace && s.handles[0].pipe);
   EXPECT_EQ(s.ignored.size(), 2u);  // NOTRAC, and TRACE without a value
   EXPECT_EQ(quarry_layout::library_atoi("-1"), -1);
