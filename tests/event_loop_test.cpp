@@ -142,38 +142,45 @@ size_t open_descriptors() {
   return std::distance(begin(fds), end(fds));
 }
 
+// The library's callback: every call finds its descriptor readable.
 std::atomic<int> library_calls{0};
 void library_ready(int fd, uint16_t, void*) {
   uint64_t value;
-  if (read(fd, &value, sizeof value) > 0) ++library_calls;
+  EXPECT_EQ(8, read(fd, &value, sizeof value));
+  ++library_calls;
 }
 
 // The library closes descriptors it attached without a word, and the number may come back at
 // once as one of the host's own, watched through the host's loop: the host must get its events
 // and the library's callback none of them, also once other attachments have dropped what was
-// attached under the number.
+// attached under the number. Closed attachments do not pile up.
 TEST(EventLoop, ANumberTheLibraryClosedServesTheHostOnceReused) {
   test_loop loop;
   void* adapter = loop.open();
   ASSERT_NE(nullptr, adapter);
-  auto attach_readable = [&] {  // one call of library_ready shows it attached
-    int fd = eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC);
+  auto attach_readable = [&](int fd) {  // one call of library_ready shows it attached
     const int calls = library_calls + 1;
     EXPECT_EQ(0, kelp_attach_fd(adapter, fd, 0, library_ready, KELP_EVENT_READ, 0, nullptr, 0));
     while (library_calls < calls) loop.turn();
     return fd;
   };
-  int library_fd = attach_readable();
-  close(library_fd);
+  int library_fd = eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC);
+  // Attached twice: the second attachment replaces the first.
+  ASSERT_EQ(0, kelp_attach_fd(adapter, library_fd, 0, library_ready, 2, 0, nullptr, 0));
+  close(attach_readable(library_fd));
   host_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   ASSERT_EQ(library_fd, host_fd.load());  // the number came back
   ASSERT_TRUE(loop.watch());
+  size_t fds_in_round[3];
   for (int round = 1; round <= 2; ++round) {
     uint64_t one = 1;
     EXPECT_EQ(8, write(host_fd, &one, sizeof one));
     while (host_calls < round) loop.turn();
-    close(attach_readable());
+    int other = attach_readable(eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC));
+    fds_in_round[round] = open_descriptors();
+    close(other);
   }
+  EXPECT_EQ(fds_in_round[1], fds_in_round[2]);
   EXPECT_EQ(3, library_calls.load());
   loop.unwatch();
   close(host_fd);
