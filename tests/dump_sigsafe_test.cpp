@@ -3,7 +3,6 @@
 // the C library's own allocations count too; the linked objects' calls are caught by --wrap.
 #include <dirent.h>
 #include <errno.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -11,7 +10,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
 
 #include "crash_signals.h"
@@ -20,8 +18,7 @@
 
 namespace {
 
-// Volatile: the compiler knows malloc's meaning and would otherwise drop a store to the flag
-// around a direct call of it as unobservable.
+// Volatile: else the compiler, knowing malloc, drops the flag's stores around a call of it.
 thread_local volatile bool g_watching = false;
 std::atomic<const char*> g_first_violation{nullptr};
 std::atomic<int> g_violations{0};
@@ -125,11 +122,10 @@ TEST(SignalSafetyProof, DetectorSeesForbiddenCalls) {
 
 std::atomic<int> g_host_calls{0};
 
-// Every trigger, while another thread holds the registry lock and the dumped buffer's lock: no
-// dump waits for them or touches them, and none allocates or prints through stdio. The dumped
-// buffers hold everything a header can hold, one lacks its open block (formatted at dump time)
-// and one cannot be written (its report runs, except at exit, where it opted out). The crash
-// handler runs last, up to the host's handler. The alarm turns a deadlock into a failure.
+// Every trigger, while another thread holds the registry lock and the dumped buffer's: no dump
+// waits for or takes a lock, allocates or uses stdio. Headers hold every section, one buffer
+// lacks its open block, one cannot be written (reported, except at exit where it opted out);
+// the crash handler runs last, up to the host's. The alarm turns a deadlock into a failure.
 TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
   signal(SIGTERM, [](int) { ++g_host_calls; });  // before the library installs its handlers
   quarry_set_process_name("proof");
@@ -172,7 +168,7 @@ TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
   cb->output_header = open_block;
   EXPECT_EQ("none", violation);
 
-  // The dumps really ran: the file is complete, and each dump of the unwritable buffer reported.
+  // The dumps really ran, and each dump of the unwritable buffer reported.
   EXPECT_EQ(1, g_host_calls.load());
   const auto file = quarry_test::read_trace(std::string(cb->output_file_name) + "_0.trc");
   EXPECT_TRUE(file.complete);

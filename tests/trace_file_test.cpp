@@ -1,10 +1,7 @@
 // The trace file's text: the open block, the path with its rotation suffix and length rule, the
 // header sections 1 to 7 of a known buffer, and the signal-safe helpers they are built with.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <string>
 
 #include "sigsafe_format.h"
 #include "trace_file.h"
@@ -12,10 +9,9 @@
 
 namespace {
 
-using quarry_test::make_buffer;
+using namespace quarry_test;
 
-// bounded_copy cuts, terminates and pads with NUL up to n - 1, never beyond; error texts come
-// from a constant table.
+// bounded_copy cuts, terminates and NUL-pads up to n - 1, never beyond; error texts are constant.
 TEST(SignalSafeText, BoundedCopyAndErrorText) {
   char area[9];
   memset(area, '#', sizeof area);
@@ -27,7 +23,7 @@ TEST(SignalSafeText, BoundedCopyAndErrorText) {
   EXPECT_STREQ("Unknown error", sigsafe_strerror(100000));
 }
 
-class TraceFileTest : public quarry_test::LibraryStateTest {
+class TraceFileTest : public LibraryStateTest {
  protected:
   void SetUp() override {
     LibraryStateTest::SetUp();
@@ -46,10 +42,10 @@ class TraceFileTest : public quarry_test::LibraryStateTest {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
     EXPECT_EQ(0, write_trace_header(cb, fd, path.c_str()));
     close(fd);
-    return quarry_test::read_file(path);
+    return read_file(path);
   }
 
-  std::string dir_ = quarry_test::make_dir("trace_file");
+  std::string dir_ = make_dir("trace_file");
 };
 
 constexpr char kOpenBlock[] =
@@ -58,9 +54,8 @@ constexpr char kOpenBlock[] =
     "QUARRY_ARGV0 /usr/bin/trace host\nTS_IDX_MSK 1fffff\nTS_RES 3d0900\n"
     "WALL_TIME_Z_SEC 60000000\nWALL_TIME_Z_USEC 7\nCLOCK_TIME_Z_SEC 303a\nCLOCK_TIME_Z_NSEC 0\n";
 
-// The open block is formatted once, at creation: identity changed later does not reach it. A
-// fresh buffer has no program name, decode reference, thread or termination lines; a full one
-// shows every section in order. The text is followed by spaces up to a multiple of 4.
+// The open block is formatted once, at creation; a fresh buffer has only counters, a full one
+// every section in order; spaces pad the text to a multiple of 4.
 TEST_F(TraceFileTest, HeaderByteForByte) {
   circular_buffer* cb = make_buffer(dir_);
   build_output_header(cb);
@@ -82,11 +77,11 @@ TEST_F(TraceFileTest, HeaderByteForByte) {
   cb->word_count = 0x1005;
   cb->min_wraparound_time = 0x10;
   cb->max_wraparound_time = 0xffffffffffull;
-  quarry_test::add_handle(cb, "net", "QUARRY_DECODE_REF net \"net.dec\" 0.9.v1\n");
-  quarry_test::add_handle(cb, "net/io", "QUARRY_DECODE_REF net/io \"io.dec\" 10.14.v2\n");
-  quarry_test::add_thread_line("THREAD main 1234\n");
-  // Cut at 63 characters: no line end, the next item follows on the same line.
-  quarry_test::add_thread_line(("THREAD " + std::string(70, 't') + " 1\n").c_str());
+  add_handle(cb, "net", "QUARRY_DECODE_REF net \"net.dec\" 0.9.v1\n");
+  add_handle(cb, "net/io", "QUARRY_DECODE_REF net/io \"io.dec\" 10.14.v2\n");
+  add_thread_line("THREAD main 1234\n");
+  // Cut at 63 characters: the next item follows on the same line.
+  add_thread_line(("THREAD " + std::string(70, 't') + " 1\n").c_str());
   // A negative sender prints as its 64-bit two's-complement image.
   crash_handled = 1;
   crash_sender_pid = -1;
@@ -100,9 +95,8 @@ TEST_F(TraceFileTest, HeaderByteForByte) {
                 std::string(56, 't') + "SIGNALING_PID 18446744073709551615\nSIGNAL 15\n\n");
 }
 
-// The signal-safe formatter stands in for a block that could not be allocated: it gives the
-// very text the allocating formatter gives, for ordinary and extreme values, also past the
-// formatter's first allocation; an area too small holds the text cut, and nothing beyond it.
+// The signal-safe formatter gives the allocating one's text, for extreme values too; an area
+// too small holds the text cut, and nothing beyond it.
 TEST_F(TraceFileTest, SignalSafeOpenBlockMatchesBuiltOne) {
   const struct {
     time_sample alpha;
@@ -137,41 +131,29 @@ TEST_F(TraceFileTest, SignalSafeOpenBlockMatchesBuiltOne) {
   }
 }
 
+// The loop index is added unless rotation is off (a count of 0 or less) or the path would pass
+// 255 characters, then ".trc" alone; a name with no room for ".trc" is refused (null tail), and
+// the path holds the name cut to 255 for the report. The result is the path's length.
 TEST_F(TraceFileTest, PathSuffixAndLengthRule) {
   circular_buffer* cb = make_buffer(dir_);
-  char path[256];
-  // The loop index is added unless rotation is off (a count of 0 or less).
   const struct {
+    size_t length;  // of the name; 0: the buffer's own name
     int count, index;
-    const char* name;
-  } rotations[] = {{2, 0, "quarry_0.trc"},
-                   {200, 105, "quarry_105.trc"},
-                   {0, 5, "quarry.trc"},
-                   {-1, 0, "quarry.trc"},
-                   {1, 0, "quarry_0.trc"}};
-  for (const auto& r : rotations) {
-    cb->file_loop_count = r.count;
-    cb->file_loop_index = r.index;
-    EXPECT_EQ(static_cast<int>(dir_.size() + strlen(r.name)), trace_file_path(cb, path));
-    EXPECT_EQ(dir_ + r.name, path) << "count " << r.count << " index " << r.index;
-  }
-
-  // Names near the limit, with index 7 ("_7.trc" adds six characters): the suffix only while
-  // the path stays within 255 characters, then ".trc" alone; a name with no room for ".trc"
-  // is refused, and the path holds the name cut to 255 for the report.
-  cb->file_loop_count = 2;
-  cb->file_loop_index = 7;
-  const struct {
-    size_t length;
-    int result;
     const char* tail;
-  } limits[] = {
-      {249, 255, "_7.trc"}, {250, 254, ".trc"}, {251, 255, ".trc"}, {252, -1, ""}, {400, -1, ""}};
-  for (const auto& l : limits) {
-    std::string name = "/" + std::string(l.length - 1, 'n');
-    cb->output_file_name = quarry_test::kept_string(name);
-    EXPECT_EQ(l.result, trace_file_path(cb, path)) << l.length;
-    EXPECT_EQ((name + l.tail).substr(0, 255), path) << l.length;
+  } cases[] = {{0, 2, 0, "_0.trc"}, {0, 200, 105, "_105.trc"}, {0, 0, 5, ".trc"},
+               {0, -1, 0, ".trc"},  {0, 1, 0, "_0.trc"},       {249, 2, 7, "_7.trc"},
+               {250, 2, 7, ".trc"}, {251, 2, 7, ".trc"},       {252, 2, 7, nullptr},
+               {400, 2, 7, nullptr}};
+  for (const auto& c : cases) {
+    std::string name = c.length == 0 ? dir_ + "quarry" : "/" + std::string(c.length - 1, 'n');
+    cb->output_file_name = kept_string(name);
+    cb->file_loop_count = c.count;
+    cb->file_loop_index = c.index;
+    const std::string expected = (name + (c.tail ? c.tail : "")).substr(0, 255);
+    char path[256];
+    EXPECT_EQ(c.tail ? static_cast<int>(expected.size()) : -1, trace_file_path(cb, path))
+        << name.size() << " count " << c.count << " index " << c.index;
+    EXPECT_EQ(expected, path) << name.size();
   }
 }
 
