@@ -1,6 +1,5 @@
-// Crash and dump signals, each in a child process whose trace files the parent checks: every
-// crash signal dumps with the termination reason, then takes its usual course or the host's
-// previous action; the dump signal dumps a live process while writers run.
+// Crash and dump signals, each in a child process: every crash signal dumps with the reason,
+// then takes its usual course or the host's action; the dump signal dumps while writers run.
 #include <errno.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -80,8 +79,7 @@ std::string signal_name(const ::testing::TestParamInfo<int>& info) {
   return sigabbrev_np(info.param);
 }
 
-// Every crash signal from its real cause; faults come from instructions, not from undefined
-// behaviour that a sanitizer would catch first.
+// Every crash signal from its real cause; faults from instructions, not undefined behaviour.
 void cause(int signo) {
   switch (signo) {
     case SIGILL:
@@ -148,9 +146,8 @@ void host_handler(int signo, siginfo_t* info, void* context) {
   g_host_context = context;
 }
 
-// The host's action, installed before the first open, is taken after the dump: SIGINT meets a
-// three-argument handler (with the library's very arguments), SIGQUIT a one-argument one,
-// SIGTERM SIG_IGN. The process lives on, with the host's actions back and the reason kept.
+// The host's action (for SIGINT three-argument, with the library's very arguments; SIGQUIT
+// one-argument; SIGTERM SIG_IGN) is taken after the dump; the process lives on, actions back.
 class PreviousActionTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
@@ -240,8 +237,7 @@ TEST(Installation, RetryAfterFailureKeepsTheTrulyPreviousAction) {
   EXPECT_EQ("2", read_trace(dir + "b_quarry_0.trc").value("SIGNAL"));
 }
 
-// A fault inside the crash dump meets the previous (default) action: the process dies of it,
-// without a second dump (which would show 11); the broken buffer stops at its decode reference.
+// A fault inside the crash dump meets the default action: no second dump (which shows 11).
 TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
   EXPECT_EXIT(
       {
@@ -260,20 +256,18 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
   EXPECT_EQ(std::string::npos, broken.find("QUARRY_DECODE_REF"));
 }
 
-// Three threads write self-checking records while the dump signal arrives: errno is kept, the
-// process goes on, and the file, without termination lines, holds every record completed
-// before the request, intact. Checked in the child, which knows the counts.
+// Three threads write self-checking records while the dump signal arrives: errno is kept, and
+// the file, without termination lines, holds every record completed before the request.
 [[noreturn]] void run_writers_and_dump() {
   quarry_set_process_name("writers");
   quarry_handle* h = nullptr;
   CHILD_CHECK(quarry_open_internal(&h, "busy", 1 << 21, 3, "w.dec", "w", nullptr) == 0);
   open_unwritable_buffer();
   std::atomic<uint32_t> done[3] = {};
-  std::atomic<bool> stop{false};
   std::vector<std::thread> writers;
   for (uint32_t tp = 0; tp < 3; ++tp) {
     writers.emplace_back([&, tp] {
-      for (uint32_t i = 0; i < 10000 && !stop; ++i) {  // 6 words each: the ring never wraps
+      for (uint32_t i = 0; i < 10000; ++i) {  // 6 words each: the ring never wraps
         QUARRY_TRACE(h, tp, "dd", i, i ^ 0x5a5a5a5au);
         done[tp].store(i + 1);
       }
@@ -286,7 +280,6 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
   errno = EDOM;
   raise(SIGRTMAX - 2);
   CHILD_CHECK(errno == EDOM);
-  stop = true;
   for (auto& w : writers) w.join();
 
   trace_file file = read_trace(trace_path("writers", "busy"));

@@ -1,12 +1,19 @@
-// Dumping: the file of one buffer (data before and after a wrap, mode, overwrite), all buffers,
-// the ring held for a crash dump, and the report and result of every failure.
-// Linked with --wrap=write so that a chosen write(2) of a dump can be made to fail.
+// Dumping: the trace file's text, the dump of one buffer and of all, every failure's report and
+// result, the ring held for a crash dump, and proof that every dump trigger is signal-safe.
+// Linked with --wrap: write(2) fails on demand, allocations, locks and stdio calls are counted.
+#include <dirent.h>
 #include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 
+#include "crash_signals.h"
+#include "sigsafe_format.h"
 #include "trace_file.h"
 #include "trace_fixture.h"
 
@@ -15,6 +22,30 @@ namespace {
 // Writes to descriptors above 2 are counted while a failure is armed; the armed one fails.
 std::atomic<int> g_fail_at{0};
 std::atomic<int> g_writes{0};
+
+// Volatile: else the compiler, knowing malloc, drops the flag's stores around a call of it.
+thread_local volatile bool g_watching = false;
+std::atomic<const char*> g_first_violation{nullptr};
+std::atomic<int> g_violations{0};
+
+void note(const char* what) {
+  if (!g_watching) return;
+  const char* none = nullptr;
+  g_first_violation.compare_exchange_strong(none, what);
+  ++g_violations;
+}
+
+// The first forbidden call that `call` made on this thread, or "none".
+template <typename F>
+std::string first_seen(F call) {
+  g_first_violation = nullptr;
+  g_violations = 0;
+  g_watching = true;
+  call();
+  g_watching = false;
+  const char* what = g_first_violation.load();
+  return what != nullptr ? what : "none";
+}
 
 }  // namespace
 
@@ -27,15 +58,85 @@ extern "C" ssize_t __wrap_write(int fd, const void* buf, size_t count) {
   return __real_write(fd, buf, count);
 }
 
+// Defines `name` to note the call (as `noted`) and forward it to `real`.
+#define QUARRY_FORWARD(result, name, real, noted, parameters, arguments) \
+  extern "C" result real parameters;                                     \
+  extern "C" result name parameters {                                    \
+    note(noted);                                                         \
+    return real arguments;                                               \
+  }
+#define QUARRY_WRAP(result, name, parameters, arguments) \
+  QUARRY_FORWARD(result, __wrap_##name, __real_##name, #name, parameters, arguments)
+#define QUARRY_WRAP_VARIADIC(name, real, parameters, ...) \
+  extern "C" int __wrap_##name parameters {               \
+    note(#name);                                          \
+    va_list args;                                         \
+    va_start(args, format);                               \
+    int r = real(__VA_ARGS__, args);                      \
+    va_end(args);                                         \
+    return r;                                             \
+  }
+
+// malloc is replaced (except under a sanitizer's allocator): the C library's own calls count.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#define QUARRY_TEST_REPLACES_MALLOC 1
+QUARRY_FORWARD(void*, malloc, __libc_malloc, "malloc", (size_t n), (n))
+QUARRY_FORWARD(void*, calloc, __libc_calloc, "calloc", (size_t c, size_t n), (c, n))
+QUARRY_FORWARD(void*, realloc, __libc_realloc, "realloc", (void* p, size_t n), (p, n))
+QUARRY_FORWARD(void, free, __libc_free, "free", (void* p), (p))
+#endif
+QUARRY_WRAP(void*, malloc, (size_t n), (n))
+QUARRY_WRAP(void*, calloc, (size_t c, size_t n), (c, n))
+QUARRY_WRAP(void*, realloc, (void* p, size_t n), (p, n))
+QUARRY_WRAP(void, free, (void* p), (p))
+QUARRY_WRAP(void*, aligned_alloc, (size_t a, size_t n), (a, n))
+QUARRY_WRAP(int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
+QUARRY_WRAP(int, pthread_mutex_trylock, (pthread_mutex_t * m), (m))
+QUARRY_WRAP(FILE*, fopen, (const char* p, const char* m), (p, m))
+QUARRY_WRAP(size_t, fwrite, (const void* p, size_t s, size_t n, FILE* f), (p, s, n, f))
+QUARRY_WRAP(int, fputs, (const char* s, FILE* f), (s, f))
+QUARRY_WRAP(int, vfprintf, (FILE * f, const char* format, va_list a), (f, format, a))
+QUARRY_WRAP(int, vsnprintf, (char* s, size_t n, const char* format, va_list a), (s, n, format, a))
+QUARRY_WRAP(void, perror, (const char* s), (s))
+QUARRY_WRAP(char*, strerror, (int e), (e))
+QUARRY_WRAP(char*, strerror_r, (int e, char* b, size_t n), (e, b, n))
+QUARRY_WRAP(DIR*, opendir, (const char* p), (p))
+QUARRY_WRAP_VARIADIC(fprintf, __real_vfprintf, (FILE * f, const char* format, ...), f, format)
+QUARRY_WRAP_VARIADIC(printf, __real_vfprintf, (const char* format, ...), stdout, format)
+QUARRY_WRAP_VARIADIC(snprintf, __real_vsnprintf, (char* s, size_t n, const char* format, ...), s, n,
+                     format)
+
 namespace {
 
 using namespace quarry_test;
 
 constexpr char kOpenFailed[] = "quarry abort handler: unable to open trace file ";
 
+// bounded_copy cuts, terminates and NUL-pads up to n - 1, never beyond; error texts are constant.
+TEST(SignalSafeText, BoundedCopyAndErrorText) {
+  char area[9];
+  memset(area, '#', sizeof area);
+  EXPECT_EQ(area, bounded_copy(area, "abc", 3));
+  EXPECT_EQ(std::string("ab\0#", 4), std::string(area, 4));
+  bounded_copy(area, "ab", 8);
+  EXPECT_EQ(std::string("ab\0\0\0\0\0\0#", 9), std::string(area, 9));
+  EXPECT_STREQ("No such file or directory", sigsafe_strerror(ENOENT));
+  EXPECT_STREQ("Unknown error", sigsafe_strerror(100000));
+}
+
 class DumpTest : public LibraryStateTest {
  protected:
-  // A buffer in its own fresh directory, with its open block, one handle and counting words.
+  void SetUp() override {
+    LibraryStateTest::SetUp();
+    time_alpha = {0x5f5e100, 0x1e240, 0x3039, 0x3b9ac9ff};
+    time_omega = {0x60000000, 0x7, 0x303a, 0};
+    node_id = 0xbeef;
+    process_id = 4242;
+    strcpy(argv0, "/usr/bin/trace host");
+    ts_idx_mask = 0x1fffff;
+    ts_res = 0x3d0900;
+  }
+  // A buffer with its open block, one handle and counting words.
   circular_buffer* buffer(const std::string& name) {
     circular_buffer* cb = make_buffer(make_dir(name));
     build_output_header(cb);
@@ -48,10 +149,125 @@ class DumpTest : public LibraryStateTest {
   static std::string file_of(circular_buffer* cb) {
     return std::string(cb->output_file_name) + "_0.trc";
   }
+  // The header and fill of cb's dump.
+  std::string header_of(circular_buffer* cb) {
+    EXPECT_EQ(0, dump_circular_buffer(cb));
+    const trace_file file = read_trace(file_of(cb));
+    return file.header + file.fill;
+  }
 
+  std::string dir_ = make_dir("text");
   quarry_handle* handle_ = nullptr;
   std::vector<uint32_t> words_ = std::vector<uint32_t>(1024);
 };
+
+constexpr char kOpenBlock[] =
+    "VERSION 1.0\nWALL_TIME_SEC 5f5e100\nWALL_TIME_USEC 1e240\nCLOCK_TIME_SEC 3039\n"
+    "CLOCK_TIME_NSEC 3b9ac9ff\nQUARRY_NODE_ID beef\nQUARRY_PROCESS_ID 4242\n"
+    "QUARRY_ARGV0 /usr/bin/trace host\nTS_IDX_MSK 1fffff\nTS_RES 3d0900\n"
+    "WALL_TIME_Z_SEC 60000000\nWALL_TIME_Z_USEC 7\nCLOCK_TIME_Z_SEC 303a\nCLOCK_TIME_Z_NSEC 0\n";
+
+// The open block is formatted once, at creation; a fresh buffer has only counters, a full one
+// every section in order; spaces pad the text to a multiple of 4.
+TEST_F(DumpTest, HeaderByteForByte) {
+  circular_buffer* cb = make_buffer(dir_);
+  build_output_header(cb);
+  node_id = 1;
+  process_id = 1;
+  auto expect_header = [&](const std::string& text) {
+    EXPECT_EQ(text + std::string((4 - text.size() % 4) % 4, ' '), header_of(cb));
+  };
+  expect_header(std::string(kOpenBlock) +
+                "CREATION_TIME 0\nWRAPAROUND_TIME 0\nWRAPAROUND_COUNT 0\nENTRY_COUNT 0\n"
+                "BUFFER_SIZE 400\nWORD_COUNT 0\nMIN_WRAPAROUND_TIME ffffffffffffffff\n"
+                "MAX_WRAPAROUND_TIME 0\n\n");
+
+  strcpy(process_name, "tracer");
+  cb->creation_time = 0x123456789aull;
+  cb->wraparound_time = 0xabc;
+  cb->wraparound_count = 3;
+  cb->entry_count = 0x10;
+  cb->word_count = 0x1005;
+  cb->min_wraparound_time = 0x10;
+  cb->max_wraparound_time = 0xffffffffffull;
+  add_handle(cb, "net", "QUARRY_DECODE_REF net \"net.dec\" 0.9.v1\n");
+  add_handle(cb, "net/io", "QUARRY_DECODE_REF net/io \"io.dec\" 10.14.v2\n");
+  add_thread_line("THREAD main 1234\n");
+  // Cut at 63 characters: the next item follows on the same line.
+  add_thread_line(("THREAD " + std::string(70, 't') + " 1\n").c_str());
+  // A negative sender prints as its 64-bit two's-complement image.
+  crash_handled = 1;
+  crash_sender_pid = -1;
+  crash_signal = 15;
+  expect_header(std::string(kOpenBlock) +
+                "CREATION_TIME 123456789a\nWRAPAROUND_TIME abc\nWRAPAROUND_COUNT 3\n"
+                "ENTRY_COUNT 10\nBUFFER_SIZE 400\nWORD_COUNT 1005\nMIN_WRAPAROUND_TIME 10\n"
+                "MAX_WRAPAROUND_TIME ffffffffff\nPROG_NAME tracer\n"
+                "QUARRY_DECODE_REF net \"net.dec\" 0.9.v1\n"
+                "QUARRY_DECODE_REF net/io \"io.dec\" 10.14.v2\nTHREAD main 1234\nTHREAD " +
+                std::string(56, 't') + "SIGNALING_PID 18446744073709551615\nSIGNAL 15\n\n");
+}
+
+// The signal-safe formatter gives the allocating one's text, for extreme values too; an area
+// too small holds the text cut, and nothing beyond it.
+TEST_F(DumpTest, SignalSafeOpenBlockMatchesBuiltOne) {
+  const struct {
+    time_sample alpha;
+    uint32_t node;
+    int32_t pid;
+    std::string argv0_text;
+    uint64_t mask, res;
+  } states[] = {
+      {{0, 0, 0, 0}, 0, 0, "", 0, 0},
+      {{-1, INT64_MIN, INT64_MAX, 1}, 0xffffffffu, INT32_MIN, std::string(255, 'z'), ~0ull, 1},
+      {{1, 2, 3, 4}, 7, -1, "with spaces in it", 1, 1},
+  };
+  for (const auto& s : states) {
+    time_alpha = s.alpha;
+    node_id = s.node;
+    process_id = s.pid;
+    strcpy(argv0, s.argv0_text.c_str());
+    ts_idx_mask = s.mask;
+    ts_res = s.res;
+    circular_buffer* cb = make_buffer(dir_);
+    build_output_header(cb);
+    const std::string built = cb->output_header;
+    char area[768];
+    uint32_t length = format_open_block(area, sizeof area);
+    EXPECT_EQ(built, std::string(area, length)) << "pid " << s.pid;
+
+    // Room for the first character of the program path only.
+    const uint32_t small = static_cast<uint32_t>(built.find("QUARRY_ARGV0 ") + 15);
+    memset(area, '#', sizeof area);
+    EXPECT_EQ(small - 1, format_open_block(area, small));
+    EXPECT_EQ(built.substr(0, small - 1) + '\0' + '#', std::string(area, small + 1));
+  }
+}
+
+// The loop index is added unless rotation is off (count <= 0) or the path would pass 255
+// characters; a name with no room for ".trc" is refused (null tail), its path cut to 255.
+TEST_F(DumpTest, PathSuffixAndLengthRule) {
+  circular_buffer* cb = make_buffer(dir_);
+  const struct {
+    size_t length;  // of the name; 0: the buffer's own name
+    int count, index;
+    const char* tail;
+  } cases[] = {{0, 2, 0, "_0.trc"}, {0, 200, 105, "_105.trc"}, {0, 0, 5, ".trc"},
+               {0, -1, 0, ".trc"},  {0, 1, 0, "_0.trc"},       {249, 2, 7, "_7.trc"},
+               {250, 2, 7, ".trc"}, {251, 2, 7, ".trc"},       {252, 2, 7, nullptr},
+               {400, 2, 7, nullptr}};
+  for (const auto& c : cases) {
+    std::string name = c.length == 0 ? dir_ + "quarry" : "/" + std::string(c.length - 1, 'n');
+    cb->output_file_name = kept_string(name);
+    cb->file_loop_count = c.count;
+    cb->file_loop_index = c.index;
+    const std::string expected = (name + (c.tail ? c.tail : "")).substr(0, 255);
+    char path[256];
+    EXPECT_EQ(c.tail ? static_cast<int>(expected.size()) : -1, trace_file_path(cb, path))
+        << name.size() << " count " << c.count << " index " << c.index;
+    EXPECT_EQ(expected, path) << name.size();
+  }
+}
 
 // Repeated dumps of one buffer: each samples the clock, writes the ring's data part over the
 // previous file whole, with mode 0666 whatever the umask.
@@ -114,8 +330,7 @@ TEST_F(DumpTest, FailedOpensAreReportedAndDumpAllGoesOn) {
   EXPECT_TRUE(read_trace(file_of(newest)).complete);
 }
 
-// Every write of a dump, made to fail in turn: the result code, the report, and whether the
-// dump went on to write the data (only when it succeeds).
+// Every write of a dump, made to fail in turn: the result, the report, and the data (if 0).
 TEST_F(DumpTest, EveryWriteFailureHasItsReportAndResult) {
   const struct {
     int write_index;  // 1-based among the dump's writes; 0 stands for the data write (the last)
@@ -174,6 +389,76 @@ TEST_F(DumpTest, EveryWriteFailureHasItsReportAndResult) {
     EXPECT_EQ(f.result == 0,
               bytes.size() >= data.size() && bytes.substr(bytes.size() - data.size()) == data);
   }
+}
+
+// The detector itself: without it, a broken wrap would let the proof below pass vacuously.
+TEST(SignalSafetyProof, DetectorSeesForbiddenCalls) {
+  char text[16];
+  void* volatile p = nullptr;
+  EXPECT_EQ("malloc", first_seen([&] { p = malloc(16); }));
+  free(p);
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  EXPECT_EQ("pthread_mutex_lock", first_seen([&] { pthread_mutex_lock(&mutex); }));
+  pthread_mutex_unlock(&mutex);
+  EXPECT_EQ("snprintf", first_seen([&] { snprintf(text, sizeof text, "%d", int{sizeof text}); }));
+  EXPECT_EQ("strerror", first_seen([&] { p = strerror(EIO); }));
+#if QUARRY_TEST_REPLACES_MALLOC
+  DIR* dir = nullptr;
+  first_seen([&] { dir = opendir("/"); });
+  EXPECT_GE(g_violations.load(), 2) << "opendir's own allocation is seen too";
+  closedir(dir);
+#endif
+}
+
+std::atomic<int> g_host_calls{0};
+
+// Every trigger, with the registry lock and the dumped buffer's held: no dump takes a lock,
+// allocates or uses stdio. Headers hold every section, one buffer lacks its open block, one
+// cannot be written (reported, except at exit where it opted out); the crash handler runs last,
+// up to the host's. The alarm turns a deadlock into a failure.
+TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
+  signal(SIGTERM, [](int) { ++g_host_calls; });  // before the library installs its handlers
+  quarry_set_process_name("proof");
+  quarry_handle *parent = nullptr, *child = nullptr, *unwritable = nullptr;
+  ASSERT_EQ(0, quarry_open_internal(&parent, "main", 8192, 4, "m.dec", "a", nullptr));
+  ASSERT_EQ(0, quarry_open_internal(&child, "sub", 0, 4, "s.dec", "b", parent));
+  ASSERT_EQ(0, quarry_open_internal(&unwritable, "gone", 4096, 1, "g.dec", "c", nullptr));
+  ASSERT_EQ(0, quarry_set_current_thread_name("prover"));
+  for (int i = 0; i < 100; ++i) QUARRY_TRACE(child, 1, "dsD", i, "text", 1ull << 40);
+  ASSERT_TRUE(make_unwritable(unwritable->cb));
+  quarry_set_dump_on_exit(unwritable, false);
+  circular_buffer* cb = parent->cb;
+  char* const open_block = cb->output_header;
+  cb->output_header = nullptr;
+
+  pthread_mutex_lock(&circular_buffer_list_mutex);
+  pthread_mutex_lock(&cb->mutex);
+  testing::internal::CaptureStdout();
+  alarm(60);
+  const std::string violation = first_seen([&] {
+    quarry_dump(child);
+    quarry_dump_all();
+    dump_at_exit();
+    raise(dump_signal);
+    quarry_dump(unwritable);
+    raise(SIGTERM);
+  });
+  alarm(0);
+  const std::string reports = testing::internal::GetCapturedStdout();
+  pthread_mutex_unlock(&cb->mutex);
+  pthread_mutex_unlock(&circular_buffer_list_mutex);
+  cb->output_header = open_block;
+  EXPECT_EQ("none", violation);
+
+  // The dumps really ran, and each dump of the unwritable buffer reported.
+  EXPECT_EQ(1, g_host_calls.load());
+  const auto file = read_trace(std::string(cb->output_file_name) + "_0.trc");
+  EXPECT_EQ(2u, file.items.count("QUARRY_DECODE_REF"));  // parent and child
+  EXPECT_EQ("15", file.value("SIGNAL"));
+  EXPECT_EQ(std::to_string(getpid()), file.value("QUARRY_PROCESS_ID"));  // formatted at dump
+  const std::string report =
+      kOpenFailed + std::string(unwritable->cb->output_file_name) + "_0.trc (Not a directory)";
+  EXPECT_EQ(report + report + report + report, reports);
 }
 
 std::vector<uint32_t> words_of(const ring_view& ring) {
