@@ -135,6 +135,7 @@ class DumpTest : public LibraryStateTest {
     strcpy(argv0, "/usr/bin/trace host");
     ts_idx_mask = 0x1fffff;
     ts_res = 0x3d0900;
+    for (uint32_t i = 0; i < 1024; ++i) words_[i] = 0x11 + i * 0x01010101u;
   }
   // A buffer with its open block, one handle and counting words.
   circular_buffer* buffer(const std::string& name) {
@@ -142,7 +143,6 @@ class DumpTest : public LibraryStateTest {
     build_output_header(cb);
     handle_ =
         add_handle(cb, name.c_str(), ("QUARRY_DECODE_REF " + name + " \"x.dec\" 0.1.t\n").c_str());
-    for (uint32_t i = 0; i < 1024; ++i) words_[i] = 0x11 + i * 0x01010101u;
     set_words(cb, words_);
     return cb;
   }
@@ -168,10 +168,12 @@ constexpr char kOpenBlock[] =
     "WALL_TIME_Z_SEC 60000000\nWALL_TIME_Z_USEC 7\nCLOCK_TIME_Z_SEC 303a\nCLOCK_TIME_Z_NSEC 0\n";
 
 // The open block is formatted once, at creation; a fresh buffer has only counters, a full one
-// every section in order; spaces pad the text to a multiple of 4.
-TEST_F(DumpTest, HeaderByteForByte) {
+// every section in order; spaces pad the text to a multiple of 4. Then every write of the full
+// buffer's dump fails in turn: the result, the report, and the data (written if the result is 0).
+TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
   circular_buffer* cb = make_buffer(dir_);
   build_output_header(cb);
+  set_words(cb, words_);
   node_id = 1;
   process_id = 1;
   auto expect_header = [&](const std::string& text) {
@@ -199,6 +201,8 @@ TEST_F(DumpTest, HeaderByteForByte) {
   crash_handled = 1;
   crash_sender_pid = -1;
   crash_signal = 15;
+  g_writes = 0;
+  g_fail_at = -1;  // counts the writes: 10, or 11 with a fill
   expect_header(std::string(kOpenBlock) +
                 "CREATION_TIME 123456789a\nWRAPAROUND_TIME abc\nWRAPAROUND_COUNT 3\n"
                 "ENTRY_COUNT 10\nBUFFER_SIZE 400\nWORD_COUNT 1005\nMIN_WRAPAROUND_TIME 10\n"
@@ -206,6 +210,50 @@ TEST_F(DumpTest, HeaderByteForByte) {
                 "QUARRY_DECODE_REF net \"net.dec\" 0.9.v1\n"
                 "QUARRY_DECODE_REF net/io \"io.dec\" 10.14.v2\nTHREAD main 1234\nTHREAD " +
                 std::string(56, 't') + "SIGNALING_PID 18446744073709551615\nSIGNAL 15\n\n");
+  const int total_writes = g_writes.load();
+  ASSERT_TRUE(total_writes == 10 || total_writes == 11) << total_writes;
+  const std::string clean = read_file(file_of(cb));
+  const std::string data = clean.substr(clean.size() - 1024 * 4);
+  const struct {
+    int write_index;  // 1-based among the dump's writes; 0 stands for the data write (the last)
+    int result;
+    const char* report;  // between "unable to write " and the path; null: on standard error
+    bool with_error_text;
+  } failures[] = {{1, 1, "header to trace file ", true},
+                  {2, 1, "omega time to trace file ", true},
+                  {3, 1, "program name to trace file ", true},
+                  {4, -2, "base offsets to trace file ", true},
+                  {5, -2, "base offsets to trace file ", true},
+                  {6, -3, "thread id-to-name mapping", true},
+                  {7, -3, "thread id-to-name mapping", true},
+                  {8, 0, "termination reason to header", true},
+                  {9, 0, nullptr, false},
+                  {0, 1, "data to trace file ", false}};
+  for (const auto& f : failures) {
+    const int index = f.write_index == 0 ? total_writes : f.write_index;
+    SCOPED_TRACE("failing write " + std::to_string(index));
+    g_writes = 0;
+    g_fail_at = index;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(f.result, dump_circular_buffer(cb));
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(f.report ? "" : "QUARRY_HEADER_DUMP: write failed",
+              testing::internal::GetCapturedStderr());
+    g_fail_at = 0;
+    EXPECT_EQ(f.report ? "quarry abort handler: unable to write " + (f.report + file_of(cb)) +
+                             (f.with_error_text ? " (Input/output error)" : "")
+                       : "",
+              out);
+    const std::string bytes = read_file(file_of(cb));
+    if (f.result != 0) {
+      // Stopped at the failure: the file holds what came before.
+      EXPECT_EQ(index, g_writes.load());
+      EXPECT_EQ(clean.substr(0, bytes.size()), bytes);
+    }
+    EXPECT_EQ(f.result == 0,
+              bytes.size() >= data.size() && bytes.substr(bytes.size() - data.size()) == data);
+  }
 }
 
 // The signal-safe formatter gives the allocating one's text, for extreme values too; an area
@@ -328,67 +376,6 @@ TEST_F(DumpTest, FailedOpensAreReportedAndDumpAllGoesOn) {
                 " (Not a directory)",
             testing::internal::GetCapturedStdout());
   EXPECT_TRUE(read_trace(file_of(newest)).complete);
-}
-
-// Every write of a dump, made to fail in turn: the result, the report, and the data (if 0).
-TEST_F(DumpTest, EveryWriteFailureHasItsReportAndResult) {
-  const struct {
-    int write_index;  // 1-based among the dump's writes; 0 stands for the data write (the last)
-    int result;
-    const char* report;  // between "unable to write " and the path; null: on standard error
-    bool with_error_text;
-  } failures[] = {
-      {1, 1, "header to trace file ", true},        {2, 1, "omega time to trace file ", true},
-      {3, 1, "program name to trace file ", true},  {4, -2, "base offsets to trace file ", true},
-      {5, -2, "base offsets to trace file ", true}, {6, -3, "thread id-to-name mapping", true},
-      {7, 0, "termination reason to header", true}, {8, 0, nullptr, false},
-      {0, 1, "data to trace file ", false},
-  };
-  circular_buffer* cb = buffer("fail");
-  strcpy(process_name, "p");
-  add_handle(cb, "fail/second", "QUARRY_DECODE_REF fail/second \"y.dec\" 2.2.t\n");
-  add_thread_line("THREAD main 1\n");
-  crash_handled = 1;
-  crash_sender_pid = 9;
-  crash_signal = 15;
-  cb->word_count = 16;
-
-  // A clean run counts the writes: open block, omega, name, two references, thread, reason,
-  // empty line, fill (when needed), data. One time sample: the files compare byte for byte.
-  take_time_sample(&time_omega);
-  g_writes = 0;
-  g_fail_at = -1;
-  ASSERT_EQ(0, dump_circular_buffer(cb));
-  const int total_writes = g_writes.load();
-  const std::string clean = read_file(file_of(cb));
-  const std::string data = clean.substr(clean.size() - 16 * 4);
-  ASSERT_TRUE(total_writes == 9 || total_writes == 10) << total_writes;
-
-  for (const auto& f : failures) {
-    const int index = f.write_index == 0 ? total_writes : f.write_index;
-    SCOPED_TRACE("failing write " + std::to_string(index));
-    g_writes = 0;
-    g_fail_at = index;
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(f.result, dump_circular_buffer(cb));
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(f.report ? "" : "QUARRY_HEADER_DUMP: write failed",
-              testing::internal::GetCapturedStderr());
-    g_fail_at = 0;
-    EXPECT_EQ(f.report ? "quarry abort handler: unable to write " + (f.report + file_of(cb)) +
-                             (f.with_error_text ? " (Input/output error)" : "")
-                       : "",
-              out);
-    const std::string bytes = read_file(file_of(cb));
-    if (f.result != 0) {
-      // Stopped at the failure: the file holds what came before.
-      EXPECT_EQ(index, g_writes.load());
-      EXPECT_EQ(clean.substr(0, bytes.size()), bytes);
-    }
-    EXPECT_EQ(f.result == 0,
-              bytes.size() >= data.size() && bytes.substr(bytes.size() - data.size()) == data);
-  }
 }
 
 // The detector itself: without it, a broken wrap would let the proof below pass vacuously.
