@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -67,11 +66,9 @@ void open_unwritable_buffer() {
 trace_file expect_dump_for(int signo, const std::string& process, const std::string& buffer) {
   trace_file file = read_trace(trace_path(process, buffer));
   EXPECT_EQ(std::to_string(signo), file.value("SIGNAL"));
-  EXPECT_EQ(5u * 4, file.data_bytes.size());
-  if (file.data().size() == 5) {
-    EXPECT_EQ(0xFF000001u, file.data()[0] & 0xFF00FFFFu);
-    EXPECT_EQ(0x1234u, file.data()[4]);
-  }
+  const std::vector<uint32_t> w = file.data();
+  EXPECT_TRUE(w.size() == 5 && (w[0] & 0xFF00FFFFu) == 0xFF000001u && w[4] == 0x1234u)
+      << file.data_bytes.size() << " data bytes";
   return file;
 }
 
@@ -79,8 +76,9 @@ std::string signal_name(const ::testing::TestParamInfo<int>& info) {
   return sigabbrev_np(info.param);
 }
 
-// Every crash signal from its real cause; faults from instructions, not undefined behaviour.
-void cause(int signo) {
+// A child with one buffer, killed by signo from its real cause (an instruction for a fault).
+void open_then_cause(int signo, const std::string& process) {
+  open_child_buffer(process.c_str());
   switch (signo) {
     case SIGILL:
       __builtin_trap();
@@ -111,12 +109,7 @@ class CrashSignalTest : public ::testing::TestWithParam<int> {};
 TEST_P(CrashSignalTest, DumpsThenTakesTheUsualCourse) {
   const int signo = GetParam();
   const std::string process = std::string("sig") + sigabbrev_np(signo);
-  EXPECT_EXIT(
-      {
-        open_child_buffer(process.c_str());
-        cause(signo);
-      },
-      ::testing::KilledBySignal(signo), "");
+  EXPECT_EXIT(open_then_cause(signo, process), ::testing::KilledBySignal(signo), "");
 
   const trace_file file = expect_dump_for(signo, process, "buf");
   // For a fault the sender field overlaps the fault address: present, value not checked.
@@ -146,8 +139,8 @@ void host_handler(int signo, siginfo_t* info, void* context) {
   g_host_context = context;
 }
 
-// The host's action (for SIGINT three-argument, with the library's very arguments; SIGQUIT
-// one-argument; SIGTERM SIG_IGN) is taken after the dump; the process lives on, actions back.
+// The host's action (SIGINT: 3 arguments, the library's own; SIGQUIT: 1; SIGTERM: ignored) is
+// taken after the dump; the process lives on with the host's actions back.
 class PreviousActionTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
@@ -168,8 +161,7 @@ TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
         errno = EDOM;
         raise(signo);
         const int calls = signo == SIGTERM ? 0 : 1;
-        CHILD_CHECK(errno == EDOM);
-        CHILD_CHECK(g_host_calls == calls && g_host_signo == calls * signo);
+        CHILD_CHECK(errno == EDOM && g_host_calls == calls && g_host_signo == calls * signo);
 #if !defined(__SANITIZE_THREAD__)  // whose handlers run with an errno of their own
         CHILD_CHECK(calls == 0 || g_host_errno == EDOM);
 #endif
@@ -199,11 +191,10 @@ TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
 INSTANTIATE_TEST_SUITE_P(ThreeKinds, PreviousActionTest,
                          ::testing::Values(SIGINT, SIGQUIT, SIGTERM), signal_name);
 
-// An installation that failed at its last step is retried with the next buffer, keeping the
-// host's action as the previous one (not the library's own handler, which would recurse); then
-// all eight actions are in place, the crash ones with SA_SIGINFO as their only flag.
+// An installation failed at its last step is retried keeping the host's action as the previous
+// one (not the library's, which would recurse); the crash actions get SA_SIGINFO alone.
 TEST(Installation, RetryAfterFailureKeepsTheTrulyPreviousAction) {
-  const std::string dir = base_dir() + "retry/";
+  const std::string dir = make_dir("retry");
   EXPECT_EXIT(
       {
         struct sigaction host = {};
@@ -211,7 +202,6 @@ TEST(Installation, RetryAfterFailureKeepsTheTrulyPreviousAction) {
         host.sa_sigaction = host_handler;
         host.sa_flags = SA_SIGINFO;
         sigaction(SIGINT, &host, nullptr);
-        mkdir(dir.c_str(), 0777);
         pthread_mutex_lock(&circular_buffer_list_mutex);
         dump_signal = 0;  // not a signal: the last step of the installation fails
         CHILD_CHECK(register_circular_buffer(make_buffer(dir + "a_")) == 1);
@@ -256,8 +246,7 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
   EXPECT_EQ(std::string::npos, broken.find("QUARRY_DECODE_REF"));
 }
 
-// Three threads write self-checking records while the dump signal arrives: errno is kept, and
-// the file, without termination lines, holds every record completed before the request.
+// Writers run during the dump signal: errno kept, every record completed before it intact.
 [[noreturn]] void run_writers_and_dump() {
   quarry_set_process_name("writers");
   quarry_handle* h = nullptr;
@@ -274,9 +263,8 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
     });
   }
   uint32_t completed[3];
-  for (uint32_t tp = 0; tp < 3; ++tp) {
+  for (uint32_t tp = 0; tp < 3; ++tp)
     while ((completed[tp] = done[tp].load()) < 200) std::this_thread::yield();
-  }
   errno = EDOM;
   raise(SIGRTMAX - 2);
   CHILD_CHECK(errno == EDOM);
@@ -293,9 +281,8 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
     CHILD_CHECK((words[p + 4] ^ 0x5a5a5a5au) == words[p + 5]);
     seen[words[p] & 0xFFFF].insert(words[p + 4]);
   }
-  for (uint32_t tp = 0; tp < 3; ++tp) {
+  for (uint32_t tp = 0; tp < 3; ++tp)
     for (uint32_t i = 0; i < completed[tp]; ++i) CHILD_CHECK(seen[tp].count(i) == 1);
-  }
   _exit(0);
 }
 

@@ -1,6 +1,5 @@
-// Dumping: the trace file's text, the dump of one buffer and of all, every failure's report and
-// result, the ring held for a crash dump, and proof that every dump trigger is signal-safe.
-// Linked with --wrap: write(2) fails on demand, allocations, locks and stdio calls are counted.
+// Dumping: the trace file's text, dumps, failure reports, the held ring and the proof that every
+// dump trigger is signal-safe; --wrap makes write(2) fail on demand and counts locks, stdio, etc.
 #include <dirent.h>
 #include <errno.h>
 #include <pthread.h>
@@ -167,9 +166,8 @@ constexpr char kOpenBlock[] =
     "QUARRY_ARGV0 /usr/bin/trace host\nTS_IDX_MSK 1fffff\nTS_RES 3d0900\n"
     "WALL_TIME_Z_SEC 60000000\nWALL_TIME_Z_USEC 7\nCLOCK_TIME_Z_SEC 303a\nCLOCK_TIME_Z_NSEC 0\n";
 
-// The open block is formatted once, at creation; a fresh buffer has only counters, a full one
-// every section in order; spaces pad the text to a multiple of 4. Then every write of the full
-// buffer's dump fails in turn: the result, the report, and the data (written if the result is 0).
+// The open block is formatted at creation; a full header has every section in order, padded to
+// 4 bytes. Then each write of its dump fails in turn: result, report, data (written if 0).
 TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
   circular_buffer* cb = make_buffer(dir_);
   build_output_header(cb);
@@ -215,20 +213,19 @@ TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
   const std::string clean = read_file(file_of(cb));
   const std::string data = clean.substr(clean.size() - 1024 * 4);
   const struct {
-    int write_index;  // 1-based among the dump's writes; 0 stands for the data write (the last)
+    int write_index;  // 1-based among the dump's writes; 0: the data, reported without errno
     int result;
     const char* report;  // between "unable to write " and the path; null: on standard error
-    bool with_error_text;
-  } failures[] = {{1, 1, "header to trace file ", true},
-                  {2, 1, "omega time to trace file ", true},
-                  {3, 1, "program name to trace file ", true},
-                  {4, -2, "base offsets to trace file ", true},
-                  {5, -2, "base offsets to trace file ", true},
-                  {6, -3, "thread id-to-name mapping", true},
-                  {7, -3, "thread id-to-name mapping", true},
-                  {8, 0, "termination reason to header", true},
-                  {9, 0, nullptr, false},
-                  {0, 1, "data to trace file ", false}};
+  } failures[] = {{1, 1, "header to trace file "},
+                  {2, 1, "omega time to trace file "},
+                  {3, 1, "program name to trace file "},
+                  {4, -2, "base offsets to trace file "},
+                  {5, -2, "base offsets to trace file "},
+                  {6, -3, "thread id-to-name mapping"},
+                  {7, -3, "thread id-to-name mapping"},
+                  {8, 0, "termination reason to header"},
+                  {9, 0, nullptr},
+                  {0, 1, "data to trace file "}};
   for (const auto& f : failures) {
     const int index = f.write_index == 0 ? total_writes : f.write_index;
     SCOPED_TRACE("failing write " + std::to_string(index));
@@ -242,7 +239,7 @@ TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
               testing::internal::GetCapturedStderr());
     g_fail_at = 0;
     EXPECT_EQ(f.report ? "quarry abort handler: unable to write " + (f.report + file_of(cb)) +
-                             (f.with_error_text ? " (Input/output error)" : "")
+                             (index < total_writes ? " (Input/output error)" : "")
                        : "",
               out);
     const std::string bytes = read_file(file_of(cb));
@@ -281,8 +278,7 @@ TEST_F(DumpTest, SignalSafeOpenBlockMatchesBuiltOne) {
     build_output_header(cb);
     const std::string built = cb->output_header;
     char area[768];
-    uint32_t length = format_open_block(area, sizeof area);
-    EXPECT_EQ(built, std::string(area, length)) << "pid " << s.pid;
+    EXPECT_EQ(built, std::string(area, format_open_block(area, sizeof area))) << "pid " << s.pid;
 
     // Room for the first character of the program path only.
     const uint32_t small = static_cast<uint32_t>(built.find("QUARRY_ARGV0 ") + 15);
@@ -317,8 +313,7 @@ TEST_F(DumpTest, PathSuffixAndLengthRule) {
   }
 }
 
-// Repeated dumps of one buffer: each samples the clock, writes the ring's data part over the
-// previous file whole, with mode 0666 whatever the umask.
+// Each dump samples the clock and replaces the file whole (mode 0666) with the ring's data part.
 TEST_F(DumpTest, DumpsOfOneBuffer) {
   circular_buffer* cb = buffer("data");
   const struct {
@@ -338,7 +333,6 @@ TEST_F(DumpTest, DumpsOfOneBuffer) {
     cb->word_count = c.word_count;
     ASSERT_EQ(0, quarry_dump(handle_));
     auto file = read_trace(file_of(cb));
-    ASSERT_TRUE(file.complete);
     const char* expected = reinterpret_cast<const char*>(words_.data());
     EXPECT_EQ(std::string(expected, c.expected_words * 4), file.data_bytes) << c.word_count;
     EXPECT_NE(0u, file.hex("CLOCK_TIME_Z_SEC"));
@@ -362,20 +356,18 @@ TEST_F(DumpTest, FailedOpensAreReportedAndDumpAllGoesOn) {
   time_omega = {};
   EXPECT_EQ(0, quarry_dump_all());  // no buffer yet: nothing, but the clock sample
   EXPECT_NE(0, time_omega.mono_sec + time_omega.mono_nsec);
-  circular_buffer* oldest = buffer("first");
-  circular_buffer* middle = buffer("second");
-  circular_buffer* newest = buffer("third");
-  for (circular_buffer* cb : {oldest, middle, newest}) {  // linked without signal handlers
+  circular_buffer* cbs[] = {buffer("oldest"), buffer("middle"), buffer("newest")};
+  for (circular_buffer* cb : cbs) {  // linked without signal handlers
     cb->next.store(circular_buffer_list.load());
     circular_buffer_list.store(cb);
   }
-  ASSERT_TRUE(make_unwritable(middle) && make_unwritable(oldest));
+  ASSERT_TRUE(make_unwritable(cbs[1]) && make_unwritable(cbs[0]));
   testing::internal::CaptureStdout();
   EXPECT_EQ(-1, quarry_dump_all());
-  EXPECT_EQ(kOpenFailed + file_of(middle) + " (Not a directory)" + kOpenFailed + file_of(oldest) +
+  EXPECT_EQ(kOpenFailed + file_of(cbs[1]) + " (Not a directory)" + kOpenFailed + file_of(cbs[0]) +
                 " (Not a directory)",
             testing::internal::GetCapturedStdout());
-  EXPECT_TRUE(read_trace(file_of(newest)).complete);
+  EXPECT_TRUE(read_trace(file_of(cbs[2])).complete);
 }
 
 // The detector itself: without it, a broken wrap would let the proof below pass vacuously.
@@ -399,10 +391,8 @@ TEST(SignalSafetyProof, DetectorSeesForbiddenCalls) {
 
 std::atomic<int> g_host_calls{0};
 
-// Every trigger, with the registry lock and the dumped buffer's held: no dump takes a lock,
-// allocates or uses stdio. Headers hold every section, one buffer lacks its open block, one
-// cannot be written (reported, except at exit where it opted out); the crash handler runs last,
-// up to the host's. The alarm turns a deadlock into a failure.
+// Every trigger, with the registry and buffer locks held (the alarm ends a deadlock): no lock,
+// allocation or stdio, with a full header, a missing open block and an unwritable buffer.
 TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
   signal(SIGTERM, [](int) { ++g_host_calls; });  // before the library installs its handlers
   quarry_set_process_name("proof");
@@ -449,13 +439,10 @@ TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
 }
 
 std::vector<uint32_t> words_of(const ring_view& ring) {
-  std::vector<uint32_t> words(ring.size_words);
-  for (uint32_t i = 0; i < ring.size_words; ++i) words[i] = ring.buffer[i].load();
-  return words;
+  return {ring.buffer, ring.buffer + ring.size_words};
 }
 
-// A ring held for a crash dump: later records leave the held words alone, the dump sees exactly
-// them and their count; the release puts the ring back with the words reserved meanwhile cleared.
+// A held ring: later records spare it, the dump sees it; the release clears the words skipped.
 TEST(CrashHold, HeldWordsStayWhileRecordsGoOnAndReleaseClearsTheGap) {
   quarry_handle* h = nullptr;
   ASSERT_EQ(0, quarry_open_internal(&h, "held", 16384, 1, "h.dec", "1", nullptr));
