@@ -1,20 +1,14 @@
-// Crash and dump signals, each in a child process whose trace files the parent checks: every
-// crash signal dumps with the termination reason, then takes its usual course or the host's
-// previous action; the dump signal dumps a live process while writers run.
+// Crash and dump signals, each in a child process: every crash signal dumps with the reason,
+// then takes its usual course or the host's action; the dump signal dumps while writers run.
 #include <errno.h>
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <string.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "crash_signals.h"
 #include "trace_fixture.h"
@@ -26,7 +20,7 @@ extern "C" const char* __asan_default_options() {
 }
 #endif
 #if defined(__SANITIZE_THREAD__)
-// As above; the dump's intended read of ring words being stored is suppressed (tsan.supp).
+// As above; the dump's intended read of ring words being stored is suppressed.
 extern "C" const char* __tsan_default_options() {
   return "handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:handle_sigfpe=0"
          ":suppressions=" QUARRY_TSAN_SUPPRESSIONS;
@@ -35,10 +29,7 @@ extern "C" const char* __tsan_default_options() {
 
 namespace {
 
-using quarry_test::base_dir;
-using quarry_test::read_file;
-using quarry_test::read_trace;
-using quarry_test::trace_file;
+using namespace quarry_test;
 
 // A failed check inside a child: the message reaches the parent on standard error.
 #define CHILD_CHECK(condition)                                                    \
@@ -68,22 +59,26 @@ quarry_handle* open_child_buffer(const char* process, const char* buffer = "buf"
 void open_unwritable_buffer() {
   quarry_handle* h = nullptr;
   CHILD_CHECK(quarry_open_internal(&h, "unwritable", 4096, 1, "u.dec", "u", nullptr) == 0);
-  CHILD_CHECK(quarry_test::make_unwritable(h->cb));
+  CHILD_CHECK(make_unwritable(h->cb));
 }
 
-void expect_one_record(const trace_file& file) {
-  ASSERT_EQ(5u * 4, file.data_bytes.size());
-  EXPECT_EQ(0xFF000001u, file.data()[0] & 0xFF00FFFFu);
-  EXPECT_EQ(0x1234u, file.data()[4]);
+// The dump of open_child_buffer's buffer for signo: the reason and the one record.
+trace_file expect_dump_for(int signo, const std::string& process, const std::string& buffer) {
+  trace_file file = read_trace(trace_path(process, buffer));
+  EXPECT_EQ(std::to_string(signo), file.value("SIGNAL"));
+  const std::vector<uint32_t> w = file.data();
+  EXPECT_TRUE(w.size() == 5 && (w[0] & 0xFF00FFFFu) == 0xFF000001u && w[4] == 0x1234u)
+      << file.data_bytes.size() << " data bytes";
+  return file;
 }
 
 std::string signal_name(const ::testing::TestParamInfo<int>& info) {
   return sigabbrev_np(info.param);
 }
 
-// Every crash signal from its real cause; faults come from instructions, not from undefined
-// behaviour that a sanitizer would catch first.
-void cause(int signo) {
+// A child with one buffer, killed by signo from its real cause (an instruction for a fault).
+void open_then_cause(int signo, const std::string& process) {
+  open_child_buffer(process.c_str());
   switch (signo) {
     case SIGILL:
       __builtin_trap();
@@ -99,7 +94,7 @@ void cause(int signo) {
       break;
     case SIGTERM:  // from another process, which leaves its pid for the parent to compare
       if (fork() == 0) {
-        quarry_test::write_file(base_dir() + "sender.pid", std::to_string(getpid()));
+        write_file(base_dir() + "sender.pid", std::to_string(getpid()));
         kill(getppid(), SIGTERM);
         _exit(0);
       }
@@ -114,25 +109,16 @@ class CrashSignalTest : public ::testing::TestWithParam<int> {};
 TEST_P(CrashSignalTest, DumpsThenTakesTheUsualCourse) {
   const int signo = GetParam();
   const std::string process = std::string("sig") + sigabbrev_np(signo);
-  EXPECT_EXIT(
-      {
-        open_child_buffer(process.c_str());
-        cause(signo);
-      },
-      ::testing::KilledBySignal(signo), "");
+  EXPECT_EXIT(open_then_cause(signo, process), ::testing::KilledBySignal(signo), "");
 
-  trace_file file = read_trace(trace_path(process, "buf"));
-  ASSERT_TRUE(file.complete);
-  EXPECT_EQ(std::to_string(signo), file.value("SIGNAL"));
+  const trace_file file = expect_dump_for(signo, process, "buf");
   // For a fault the sender field overlaps the fault address: present, value not checked.
-  ASSERT_EQ(1u, file.items.count("SIGNALING_PID"));
+  EXPECT_EQ(1u, file.items.count("SIGNALING_PID"));
   if (signo == SIGTERM) {
     EXPECT_EQ(read_file(base_dir() + "sender.pid"), file.value("SIGNALING_PID"));
-    EXPECT_NE(file.value("QUARRY_PROCESS_ID"), file.value("SIGNALING_PID"));
   } else if (signo == SIGINT || signo == SIGQUIT || signo == SIGABRT) {
     EXPECT_EQ(file.value("QUARRY_PROCESS_ID"), file.value("SIGNALING_PID"));
   }
-  expect_one_record(file);
 }
 
 INSTANTIATE_TEST_SUITE_P(EverySignal, CrashSignalTest,
@@ -153,10 +139,8 @@ void host_handler(int signo, siginfo_t* info, void* context) {
   g_host_context = context;
 }
 
-// The host's action, installed before the first open, is taken after the dump: SIGINT meets a
-// three-argument handler (called with the very arguments the library got), SIGQUIT a
-// one-argument one, SIGTERM SIG_IGN. The process lives on, with the host's actions back on
-// every crash signal and the termination reason in every later dump.
+// The host's action (SIGINT: 3 arguments, the library's own; SIGQUIT: 1; SIGTERM: ignored) is
+// taken after the dump; the process lives on with the host's actions back.
 class PreviousActionTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
@@ -166,13 +150,10 @@ TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
   EXPECT_EXIT(
       {
         struct sigaction host = {};
-        if (signo == SIGINT) {
-          host.sa_sigaction = host_handler;
-          host.sa_flags = SA_SIGINFO;
-        } else {
-          host.sa_handler = [](int s) { host_handler(s, nullptr, nullptr); };
-          if (signo == SIGTERM) host.sa_handler = SIG_IGN;
-        }
+        host.sa_sigaction = host_handler;
+        host.sa_flags = signo == SIGINT ? SA_SIGINFO : 0;
+        if (signo == SIGQUIT) host.sa_handler = [](int s) { host_handler(s, nullptr, nullptr); };
+        if (signo == SIGTERM) host.sa_handler = SIG_IGN;
         sigaction(signo, &host, nullptr);
         open_child_buffer(process.c_str());
         open_unwritable_buffer();  // its failing dump changes errno inside the handler
@@ -180,8 +161,7 @@ TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
         errno = EDOM;
         raise(signo);
         const int calls = signo == SIGTERM ? 0 : 1;
-        CHILD_CHECK(errno == EDOM);
-        CHILD_CHECK(g_host_calls == calls && (calls == 0 || g_host_signo == signo));
+        CHILD_CHECK(errno == EDOM && g_host_calls == calls && g_host_signo == calls * signo);
 #if !defined(__SANITIZE_THREAD__)  // whose handlers run with an errno of their own
         CHILD_CHECK(calls == 0 || g_host_errno == EDOM);
 #endif
@@ -204,21 +184,17 @@ TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
         _exit(0);
       },
       ::testing::ExitedWithCode(0), "^$");
-  trace_file file = read_trace(path);
-  EXPECT_EQ(std::to_string(signo), file.value("SIGNAL"));
+  const trace_file file = expect_dump_for(signo, process, "buf");
   EXPECT_EQ(file.value("QUARRY_PROCESS_ID"), file.value("SIGNALING_PID"));
-  expect_one_record(file);
 }
 
 INSTANTIATE_TEST_SUITE_P(ThreeKinds, PreviousActionTest,
                          ::testing::Values(SIGINT, SIGQUIT, SIGTERM), signal_name);
 
-// An installation that failed part-way (here at its last step) is retried with the next buffer;
-// the retry must keep the host's action as the previous one and never save the library's own
-// handler, which would make the crash handler call itself. In the end all eight actions are in
-// place, the crash ones with SA_SIGINFO as their only flag.
+// An installation failed at its last step is retried keeping the host's action as the previous
+// one (not the library's, which would recurse); the crash actions get SA_SIGINFO alone.
 TEST(Installation, RetryAfterFailureKeepsTheTrulyPreviousAction) {
-  const std::string dir = base_dir() + "retry/";
+  const std::string dir = make_dir("retry");
   EXPECT_EXIT(
       {
         struct sigaction host = {};
@@ -226,12 +202,11 @@ TEST(Installation, RetryAfterFailureKeepsTheTrulyPreviousAction) {
         host.sa_sigaction = host_handler;
         host.sa_flags = SA_SIGINFO;
         sigaction(SIGINT, &host, nullptr);
-        mkdir(dir.c_str(), 0777);
         pthread_mutex_lock(&circular_buffer_list_mutex);
         dump_signal = 0;  // not a signal: the last step of the installation fails
-        CHILD_CHECK(register_circular_buffer(quarry_test::make_buffer(dir + "a_")) == 1);
+        CHILD_CHECK(register_circular_buffer(make_buffer(dir + "a_")) == 1);
         dump_signal = SIGRTMAX - 2;
-        CHILD_CHECK(register_circular_buffer(quarry_test::make_buffer(dir + "b_")) == 0);
+        CHILD_CHECK(register_circular_buffer(make_buffer(dir + "b_")) == 0);
         pthread_mutex_unlock(&circular_buffer_list_mutex);
         for (int signo : {SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGFPE, SIGSEGV, SIGTERM}) {
           sigaction(signo, nullptr, &current);
@@ -252,8 +227,7 @@ TEST(Installation, RetryAfterFailureKeepsTheTrulyPreviousAction) {
   EXPECT_EQ("2", read_trace(dir + "b_quarry_0.trc").value("SIGNAL"));
 }
 
-// A fault inside the crash dump meets the action the process had before (here the default),
-// so the process dies of it; it is not dumped a second time.
+// A fault inside the crash dump meets the default action: no second dump (which shows 11).
 TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
   EXPECT_EXIT(
       {
@@ -266,43 +240,34 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
         _exit(0);
       },
       ::testing::KilledBySignal(SIGSEGV), "");
-  // The good buffer was dumped once, for SIGTERM (a second dump would show 11); the broken one
-  // stopped at its decode reference line.
-  trace_file good = read_trace(trace_path("fault", "good"));
-  EXPECT_EQ("15", good.value("SIGNAL"));
-  expect_one_record(good);
-  std::string broken = read_file(trace_path("fault", "broken"));
+  expect_dump_for(SIGTERM, "fault", "good");
+  const std::string broken = read_file(trace_path("fault", "broken"));
   EXPECT_NE(std::string::npos, broken.find("PROG_NAME fault\n"));
   EXPECT_EQ(std::string::npos, broken.find("QUARRY_DECODE_REF"));
 }
 
-// Three threads write self-checking records while the dump signal arrives: the interrupted code
-// keeps its errno, the process goes on, and the file, without termination lines, holds every
-// record completed before the request, each intact. Checked in the child, which knows the counts.
+// Writers run during the dump signal: errno kept, every record completed before it intact.
 [[noreturn]] void run_writers_and_dump() {
   quarry_set_process_name("writers");
   quarry_handle* h = nullptr;
   CHILD_CHECK(quarry_open_internal(&h, "busy", 1 << 21, 3, "w.dec", "w", nullptr) == 0);
   open_unwritable_buffer();
   std::atomic<uint32_t> done[3] = {};
-  std::atomic<bool> stop{false};
   std::vector<std::thread> writers;
   for (uint32_t tp = 0; tp < 3; ++tp) {
     writers.emplace_back([&, tp] {
-      for (uint32_t i = 0; i < 10000 && !stop; ++i) {  // 6 words each: the ring never wraps
+      for (uint32_t i = 0; i < 10000; ++i) {  // 6 words each: the ring never wraps
         QUARRY_TRACE(h, tp, "dd", i, i ^ 0x5a5a5a5au);
         done[tp].store(i + 1);
       }
     });
   }
   uint32_t completed[3];
-  for (uint32_t tp = 0; tp < 3; ++tp) {
+  for (uint32_t tp = 0; tp < 3; ++tp)
     while ((completed[tp] = done[tp].load()) < 200) std::this_thread::yield();
-  }
   errno = EDOM;
   raise(SIGRTMAX - 2);
   CHILD_CHECK(errno == EDOM);
-  stop = true;
   for (auto& w : writers) w.join();
 
   trace_file file = read_trace(trace_path("writers", "busy"));
@@ -316,9 +281,8 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
     CHILD_CHECK((words[p + 4] ^ 0x5a5a5a5au) == words[p + 5]);
     seen[words[p] & 0xFFFF].insert(words[p + 4]);
   }
-  for (uint32_t tp = 0; tp < 3; ++tp) {
+  for (uint32_t tp = 0; tp < 3; ++tp)
     for (uint32_t i = 0; i < completed[tp]; ++i) CHILD_CHECK(seen[tp].count(i) == 1);
-  }
   _exit(0);
 }
 

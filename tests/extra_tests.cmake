@@ -1,19 +1,14 @@
 # Link options of the dump and signal tests.
 
-# dump_test makes chosen write(2) calls of a dump fail.
+# dump_test makes chosen write(2) calls of a dump fail, and counts every allocation, lock, stdio
+# call and strerror that the library's objects make while a dump runs on the watched thread.
 if(TARGET dump_test)
-  target_link_options(dump_test PRIVATE -Wl,--wrap=write)
-endif()
-
-# dump_sigsafe_test counts every allocation, lock, stdio call and strerror that the library's
-# objects make while a dump runs on the watched thread.
-if(TARGET dump_sigsafe_test)
-  set(QUARRY_SIGSAFE_WRAPPED
-    malloc calloc realloc free aligned_alloc pthread_mutex_lock pthread_mutex_trylock
+  set(QUARRY_DUMP_WRAPPED
+    write malloc calloc realloc free aligned_alloc pthread_mutex_lock pthread_mutex_trylock
     fopen fwrite fputs printf fprintf snprintf vfprintf vsnprintf
     perror strerror strerror_r opendir)
-  list(TRANSFORM QUARRY_SIGSAFE_WRAPPED PREPEND "-Wl,--wrap=")
-  target_link_options(dump_sigsafe_test PRIVATE ${QUARRY_SIGSAFE_WRAPPED})
+  list(TRANSFORM QUARRY_DUMP_WRAPPED PREPEND "-Wl,--wrap=")
+  target_link_options(dump_test PRIVATE ${QUARRY_DUMP_WRAPPED})
 endif()
 
 # The crash and dump-signal tests run record writers during dumps. Under ThreadSanitizer they
