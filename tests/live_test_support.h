@@ -32,8 +32,7 @@ inline uint32_t size_bytes(const quarry_handle* handle) {
   return load_ring(handle->cb).size_words * 4;
 }
 
-// Counts the dumps of a buffer: each closes a trace file of its directory after writing. Opens
-// are watched too, so that inotify does not merge the closes of successive dumps of one file.
+// Counts the dumps of a buffer, as closes of its trace files (opens keep inotify from merging).
 class dump_counter {
  public:
   explicit dump_counter(const std::string& dir) : fd_(inotify_init1(IN_NONBLOCK)) {
@@ -43,13 +42,10 @@ class dump_counter {
   dump_counter(const dump_counter&) = delete;
   int count() {
     alignas(struct inotify_event) char events[4096];
-    ssize_t length;
-    while ((length = read(fd_, events, sizeof events)) > 0) {
+    for (ssize_t length; (length = read(fd_, events, sizeof events)) > 0;) {
       for (ssize_t at = 0; at < length;) {
         auto* event = reinterpret_cast<const struct inotify_event*>(events + at);
-        if ((event->mask & IN_CLOSE_WRITE) && event->len > 0 && strstr(event->name, ".trc")) {
-          ++count_;
-        }
+        if ((event->mask & IN_CLOSE_WRITE) && strstr(event->name, ".trc")) ++count_;
         at += static_cast<ssize_t>(sizeof *event + event->len);
       }
     }
