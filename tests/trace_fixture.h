@@ -34,8 +34,7 @@ inline char* kept_string(const std::string& s) {
 inline circular_buffer* make_buffer(const std::string& dir) {
   auto* cb = static_cast<circular_buffer*>(kept(new circular_buffer()));
   cb->output_file_name = kept_string(dir + "quarry");
-  cb->ctrl_inotify_fd = cb->ctrl_watch = cb->pipe_inotify_fd = cb->pipe_watch = -1;
-  cb->pipe_fd = -1;
+  cb->ctrl_inotify_fd = cb->ctrl_watch = cb->pipe_inotify_fd = cb->pipe_watch = cb->pipe_fd = -1;
   cb->dump_on_exit = 1;
   cb->file_loop_count = 2;
   cb->min_wraparound_time = ~0ull;
