@@ -79,8 +79,7 @@ TEST(Hashtable, RandomOperationsMatchAMapModel) {
       EXPECT_EQ(_quarry_hashtable_get_size(table), m.size());
       if (step % 100 != 99) continue;
 
-      // A walk produces every entry once, by bucket upwards and newest first within one, and
-      // removes about a third of them.
+      // A walk yields every entry once, by bucket up and newest first, removing about a third.
       std::vector<std::tuple<uint32_t, uint64_t, const char*, void*>> expected, walked;
       for (const auto& [text, e] : m) {
         expected.emplace_back(hashtable_hash(table, e.key), ~e.age, e.key, e.value);

@@ -1,6 +1,5 @@
-// Every record writer against a model of the record layout, over random signatures, values and
-// ring positions: the encoder with a chosen clock and thread word, QUARRY_TRACE, the
-// non-variadic entries and QUARRY_RECORD in C11; the switches; writers through growth.
+// Every record writer against a model of the record layout over random calls and ring positions
+// (encoder with a chosen clock, QUARRY_TRACE, entries, C11 QUARRY_RECORD); switches; ring growth.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -19,8 +18,7 @@
 
 namespace {
 
-// A call: its signature and arguments in call order ('s' as a pointer, null or into `texts`),
-// more of them than the writer reads signature characters.
+// A call: signature and arguments ('s' a pointer, null or into `texts`), more than are read.
 struct call {
   std::string sig;
   std::array<uint64_t, 40> args{};
@@ -44,9 +42,8 @@ std::vector<uint32_t> ring_words(quarry_handle* h, uint32_t from, size_t count) 
   return out;
 }
 
-// The record of `c` in h's ring, header first, from the 32 signature characters the writer reads:
-// words from 0xFF000000 up stored with bit 31 inverted and flagged; strings with their NUL,
-// zero-padded, cut to fit the ring, left out unless declared; the flags after six numeric words.
+// The record of `c` (32 signature characters read): words from 0xFF000000 up with bit 31 inverted
+// and flagged; strings NUL-ended, zero-padded, cut to the ring, only if declared; flags after six.
 std::vector<uint32_t> model(quarry_handle* h, uint32_t tp, const call& c, uint64_t ts,
                             uint32_t thread, bool declared = true) {
   const size_t fixed = declared ? model(h, tp, c, ts, thread, false).size() : 0;
@@ -82,8 +79,7 @@ void expect_record(quarry_handle* h, uint32_t start, const std::vector<uint32_t>
   EXPECT_EQ(h->cb->word_count.load(), uint32_t(start + expected.size()));
 }
 
-// The same for a writer with the real clock and thread word: the timestamp is read back from the
-// record, the thread word is the calling thread's. A disabled handle writes nothing.
+// The same with the real clock (read back) and this thread's word; disabled: nothing written.
 void expect_real_record(quarry_handle* h, uint32_t start, uint32_t tp, const call& c) {
   if (h->enabled.load() == 0) return expect_record(h, start, {});
   const std::vector<uint32_t> w = ring_words(h, start, 3);
@@ -137,8 +133,7 @@ uint32_t random_word(std::mt19937& rng) {
   return rng() % 2 ? kEdges[rng() % 6] : static_cast<uint32_t>(rng());
 }
 
-// Up to eight arguments or a signature longer than the writer reads; characters without an
-// argument; escapable values; null strings and strings of any length (`huge`: past the ring).
+// Up to 8 arguments or over 32 characters; escapable words; null, long and (`huge`) giant strings.
 call random_call(uint32_t seed, bool huge = true) {
   std::mt19937 rng(seed);
   call c;
