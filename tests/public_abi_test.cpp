@@ -4,7 +4,6 @@
 #include <malloc.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <string>
 

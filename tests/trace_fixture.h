@@ -1,6 +1,5 @@
-// Buffers built by hand the way the open builds them, process-state isolation for tests that
-// change the library's globals, and a reader that splits a trace file into its header items,
-// fill and data words as a decoder does.
+// Buffers built by hand the way the open builds them, isolation for tests that change the
+// library's globals, and a reader that splits a trace file as a decoder does.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,6 +9,7 @@
 
 #include <algorithm>
 #include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,13 +30,11 @@ inline char* kept_string(const std::string& s) {
   return static_cast<char*>(kept(strdup(s.c_str())));
 }
 
-// An unlinked buffer whose trace files go to `dir` (ending in '/'), with the settings the open
-// gives (rotation on at index 0, dumped at exit, never wrapped, no pipe or control file).
+// An unlinked buffer writing to `dir` (ending in '/') with the open's settings.
 inline circular_buffer* make_buffer(const std::string& dir) {
   auto* cb = static_cast<circular_buffer*>(kept(new circular_buffer()));
   cb->output_file_name = kept_string(dir + "quarry");
-  cb->ctrl_inotify_fd = cb->ctrl_watch = cb->pipe_inotify_fd = cb->pipe_watch = -1;
-  cb->pipe_fd = -1;
+  cb->ctrl_inotify_fd = cb->ctrl_watch = cb->pipe_inotify_fd = cb->pipe_watch = cb->pipe_fd = -1;
   cb->dump_on_exit = 1;
   cb->file_loop_count = 2;
   cb->min_wraparound_time = ~0ull;
@@ -73,8 +71,7 @@ inline void set_words(circular_buffer* cb, const std::vector<uint32_t>& words) {
   for (size_t i = 0; i < words.size(); ++i) ring.buffer[i & (ring.size_words - 1)].store(words[i]);
 }
 
-// Replaces the buffer's directory by a regular file: opening its trace file then fails with
-// ENOTDIR. False when that could not be arranged.
+// Replaces the buffer's directory by a regular file (opening a trace file fails); false if not.
 inline bool make_unwritable(const circular_buffer* cb) {
   std::string dir = cb->output_file_name;
   dir.resize(dir.rfind('/'));
@@ -105,8 +102,7 @@ class LibraryStateTest : public ::testing::Test {
   std::vector<std::pair<void*, std::string>> saved_;
 };
 
-// A trace file as a decoder reads it: key/value lines up to the first empty line, the fill
-// up to the next multiple of 4, then words. Repeated keys keep their file order.
+// A trace file: key/value lines up to the first empty line, fill to a multiple of 4, words.
 struct trace_file {
   std::string header;  // up to and including the empty line
   std::string fill;
@@ -126,23 +122,18 @@ struct trace_file {
 
 inline trace_file parse_trace(const std::string& bytes) {
   trace_file file;
-  size_t end = bytes.find("\n\n");
+  const size_t end = bytes.find("\n\n");
   file.complete = end != std::string::npos;
-  if (!file.complete) {
-    file.header = bytes;
-    return file;
-  }
-  file.header = bytes.substr(0, end + 2);
-  size_t data_start = std::min(bytes.size(), (end + 2 + 3) & ~size_t{3});
+  file.header = bytes.substr(0, file.complete ? end + 2 : end);
+  if (!file.complete) return file;
+  const size_t data_start = std::min(bytes.size(), (end + 2 + 3) & ~size_t{3});
   file.fill = bytes.substr(end + 2, data_start - (end + 2));
   file.data_bytes = bytes.substr(data_start);
-  for (size_t start = 0; start <= end;) {
-    size_t line_end = bytes.find('\n', start);
-    std::string line = bytes.substr(start, line_end - start);
-    size_t space = line.find(' ');
+  std::istringstream lines(bytes.substr(0, end + 1));
+  for (std::string line; std::getline(lines, line);) {
+    const size_t space = line.find(' ');
     file.items.emplace(line.substr(0, space),
                        space == std::string::npos ? "" : line.substr(space + 1));
-    start = line_end + 1;
   }
   return file;
 }
