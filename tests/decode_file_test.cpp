@@ -8,8 +8,7 @@ using namespace quarry_decode;
 
 namespace {
 
-// A trace point in one line: index, name, signature, numeric words, each argument as
-// name:type and format (d, u or x; none for strings), then the message parts.
+// A trace point in one line: index, name, signature, numeric words, arguments, span, message.
 std::string describe(const TracePoint& p) {
   const char kFormat[] = "dux";
   std::string text = std::to_string(p.index) + " " + p.name + " " + p.signature + " " +
@@ -29,9 +28,8 @@ std::string describe(const TracePoint& p) {
   return text;
 }
 
-// The documented format, with the placeholder formats: a placeholder's format beats the
-// argument's, {} continues in order after the last placeholder and keeps the argument's own
-// format, and doubled braces are literal. Trailing blanks and CR are dropped.
+// A placeholder's format beats the argument's, {} continues after the last placeholder with the
+// argument's own format, doubled braces are literal; trailing blanks and CR are dropped.
 TEST(DecodeFile, DocumentedExampleParses) {
   const std::string text =
       "# net.dec: requests and replies of the net handle.\n"
@@ -104,9 +102,8 @@ TEST(DecodeFile, ErrorsNameFileAndLine) {
   EXPECT_EQ("ok", f.find(0)->name);
 }
 
-// Command-line directories come first, in order; the decode directory (QUARRY_DEC_PATH, set by
-// the test support to the test's own directory) last. Each name is loaded once, and a missing
-// one is said once and is no error of the input.
+// Command-line directories first, QUARRY_DEC_PATH (the test's directory) last; each name is loaded
+// once, and a missing one is said once and is no error of the input.
 TEST(DecodeFile, SearchPathAndCache) {
   const std::string base = quarry_test::base_dir();
   const std::string first = quarry_test::make_dir("first"),

@@ -1,5 +1,5 @@
-// The trace header as the decoder reads it: every key, THREAD lines cut at 63 characters, and
-// odd but readable headers.
+// The trace header as the decoder reads it: every key, THREAD lines cut at 63 characters, and odd
+// but readable headers.
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -24,8 +24,7 @@ TraceHeader parse_all(const std::string& bytes, HeaderExtent* extent_out = nullp
 
 TEST(DecodeHeader, EveryKeyIsRead) {
   HeaderItems f;
-  // Reference fields are found from the right: a decode file name may hold a quote and a
-  // space, a tag dots and spaces; a handle may hold no trace points (last below first).
+  // Found from the right: a quote and a space in a file name, dots and spaces in a tag, no ids.
   f.refs = {"QUARRY_DECODE_REF net \"net.dec\" 0.1.1", "QUARRY_DECODE_REF net/io \"io.dec\" 2.3.v2",
             "QUARRY_DECODE_REF a/b_1f \"x\" y.dec\" 3.4.tag with.dots",
             "QUARRY_DECODE_REF empty \"e.dec\" 5.4.1"};
@@ -38,7 +37,6 @@ TEST(DecodeHeader, EveryKeyIsRead) {
   EXPECT_EQ("1.0", h.version);
   EXPECT_EQ("/usr/bin/test host", h.argv0);  // the value runs to the line end, spaces and all
   EXPECT_EQ("tester", h.prog_name);
-  // SIGNALING_PID is the unsigned value of the sign-extended pid.
   EXPECT_EQ(std::make_tuple(1704164645ull, 1000ull, 7u, 4242, 2000ull, 1000000000000ull, 0x12u, 3u,
                             1024u, 0x10u, ~0ull, -1, 11),
             std::make_tuple(h.wall_time_sec, h.clock_time_sec, h.node_id, h.process_id,
@@ -62,8 +60,7 @@ TEST(DecodeHeader, EveryKeyIsRead) {
   EXPECT_TRUE(h.warnings.empty());
 }
 
-// A thread entry is cut to 63 characters without its line end; the next item follows on the
-// same line, and when the cut entry is the last one the empty line follows it directly.
+// An entry cut to 63 characters has no line end: the next item, or the empty line, follows on it.
 TEST(DecodeHeader, CutThreadLines) {
   const std::string long_name(50, 'n');
   std::string cut = ("THREAD " + long_name + " -1234567890\n").substr(0, 63);
@@ -105,8 +102,7 @@ TEST(DecodeHeader, OddButReadableHeadersWarn) {
   EXPECT_NE(std::string::npos, h.warnings[2].find("1.3"));
   EXPECT_EQ("again", h.prog_name);
 
-  // Without the open block (a buffer whose header text could not be built) only monotonic
-  // time is known.
+  // Without the open block (its header text could not be built) only monotonic time is known.
   std::string no_open = header_text(HeaderItems{});
   no_open.erase(0, no_open.find("WALL_TIME_Z_SEC"));
   TraceHeader bare = parse_all(no_open);
