@@ -95,6 +95,7 @@ TEST_F(DecodeCli, UsageErrorsAndOddInputs) {
   const std::string crafted = put("crafted.trc", ring.file(items));
   const std::string fifo = base_dir() + "fifo", empty = quarry_test::make_dir("empty");
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0666));
+  const std::string odd = changed(wrapped_file(kT0, 10, 100), "SIZE 400", "SIZE 3ff");
   const std::string usage = "\nTry 'quarry-decode --help'.\n";
   expect_outcomes({
       {{"--help"}, 0, "", "Usage: quarry-decode [OPTION]... INPUT...\n"},
@@ -114,6 +115,7 @@ TEST_F(DecodeCli, UsageErrorsAndOddInputs) {
       {{empty}, kExitBadInput, "empty/: no trace files", ""},
       {{fifo, crafted}, kExitUsage, "a pipe stream cannot be merged with other inputs", ""},
       {{put("stray.trc", wrapped_file() + "xy")}, 0, "2 bytes past the announced data", "v = 399"},
+      {{put("odd.trc", odd)}, 0, "BUFFER_SIZE 1023 is not a power of two", "v = 99"},
       {{crafted}, 0, "the wall clock moved 9223371036354 ms", "] (+0.000001000) 1 app:n"},
       {{"--summary", crafted}, 0, "WALL_TIME_SEC appears again", "wall clock against monotonic"},
   });
