@@ -9,6 +9,7 @@
 #include <atomic>
 #include <random>
 #include <thread>
+#include <tuple>
 
 #include "decode_test_support.h"
 
@@ -328,10 +329,7 @@ std::string sample_file() {
 }
 
 TEST(DecodeOutput, EveryFormatOfTheSampleFile) {
-  const struct {
-    std::vector<std::string> args;
-    std::string out;
-  } cases[] = {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"--utc"},
        lines({"[2024-01-02 03:04:05.500000000] (+?.\?\?\?\?\?\?\?\?\?) main app:request: request 7 "
               "for /a\\nb",
@@ -374,12 +372,12 @@ TEST(DecodeOutput, EveryFormatOfTheSampleFile) {
             "]"})},
   };
   for (const auto& c : cases) {
-    std::vector<std::string> args = c.args;
+    std::vector<std::string> args = c.first;
     args.push_back(sample_file());
     CliResult r = run(args);
     EXPECT_EQ(0, r.status) << r.err;
     EXPECT_EQ("", r.err);
-    EXPECT_EQ(c.out, r.out) << args[0];
+    EXPECT_EQ(c.second, r.out) << args[0];
   }
 }
 
@@ -422,15 +420,13 @@ TEST(DecodeOutput, Spans) {
       "0 req_begin d id @begin:req = begin {id}\n1 req_end d status @end:req\n"
       "2 in_begin - @begin:inner\n3 in_end - @end:inner\n");
   Ring ring(1024);
-  const struct {
-    uint32_t id;
-    uint64_t at;
-    uint32_t thread;
-  } records[] = {{1, 5, 1},  {0, 10, 1}, {0, 15, 2}, {0, 16, 2}, {1, 17, 2},
-                 {1, 18, 2}, {2, 20, 1}, {3, 25, 1}, {1, 40, 1}, {0, 50, 1}};
-  for (const auto& r : records)
-    ring.add(encode(r.id, kT0 + r.at * 1000, r.thread,
-                    r.id < 2 ? std::vector<Arg>{d(r.id)} : std::vector<Arg>{}));
+  // Trace point, microseconds after kT0, thread.
+  const std::vector<std::tuple<uint32_t, uint64_t, uint32_t>> records = {
+      {1, 5, 1},  {0, 10, 1}, {0, 15, 2}, {0, 16, 2}, {1, 17, 2},
+      {1, 18, 2}, {2, 20, 1}, {3, 25, 1}, {1, 40, 1}, {0, 50, 1}};
+  for (const auto& [id, at, thread] : records)
+    ring.add(
+        encode(id, kT0 + at * 1000, thread, id < 2 ? std::vector<Arg>{d(id)} : std::vector<Arg>{}));
   const std::string file = put("spans.trc", ring.file(HeaderItems{}));
 
   CliResult text = run({"--no-delta", file});

@@ -1,6 +1,5 @@
-// Pipe streams decoded incrementally: header and records split at every possible point, each
-// record passed on as soon as its last word is there, a record that crossed the end of the
-// buffer arriving contiguous, and streams that are damaged, end early or are not streams.
+// Pipe streams decoded incrementally: split at every point, each record passed on once its last
+// word is there; streams that are damaged, end early, are concatenated or are not streams.
 #include <gtest/gtest.h>
 
 #include <algorithm>
