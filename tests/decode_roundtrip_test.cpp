@@ -65,6 +65,7 @@ Written write_random(std::mt19937& rng, quarry_handle* h, uint32_t index) {
   static const uint32_t kEdges[] = {0,           1,           0x7F000000u, 0x7FFFFFFFu,
                                     0x80000000u, 0xFEFFFFFFu, 0xFF000000u, 0xFFFFFFFFu};
   static std::string strings[4];
+  std::string shown[4];  // as decoded: a null string shows as "(null)"
   auto u32 = [&] { return rng() % 2 ? kEdges[rng() % 8] : static_cast<uint32_t>(rng()); };
   Values v;
   for (uint32_t& x : v.d) x = u32();
@@ -73,21 +74,17 @@ Written write_random(std::mt19937& rng, quarry_handle* h, uint32_t index) {
     strings[i].assign(rng() % 13, 'a');
     for (char& c : strings[i]) c = rng() % 4 == 0 ? '\xff' : static_cast<char>('a' + rng() % 26);
     v.s[i] = rng() % 8 == 0 ? nullptr : strings[i].c_str();
+    shown[i] = v.s[i] ? strings[i] : "(null)";
   }
-  const char* signature = kPoints[index].signature;
   kPoints[index].write(h, index, v);
-  Written w{index, {}, 4};  // header, two timestamp words, thread word
+  std::vector<Arg> args;
   uint32_t di = 0, Di = 0, si = 0;
-  for (const char* c = signature; *c; ++c) {
-    if (*c == 'd') w.args.push_back(d(v.d[di++]));
-    if (*c == 'D') w.args.push_back(D(v.D[Di++]));
-    if (*c != 's') continue;
-    w.args.push_back(s(v.s[si] ? v.s[si] : "(null)"));
-    w.words += static_cast<uint32_t>(w.args.back().text.size() + 4) / 4;
-    ++si;
+  for (const char* c = kPoints[index].signature; *c; ++c) {
+    if (*c == 'd') args.push_back(d(v.d[di++]));
+    if (*c == 'D') args.push_back(D(v.D[Di++]));
+    if (*c == 's') args.push_back(s(shown[si++]));
   }
-  w.words += di + 2 * Di + (di + 2 * Di >= 6 ? 1 : 0);  // numeric words and the escape word
-  return w;
+  return Written{index, args, static_cast<uint32_t>(encode(index, 0, 0, args).size())};
 }
 
 void expect_same(const Written& w, const Seen& r, size_t at) {
@@ -142,7 +139,7 @@ TEST_F(DecodeRoundTrip, PipeStreamAndWrappedDump) {
   while (1024 - position % 1024 > 9 || 1024 - position % 1024 < 5) write(0);
   const std::string long_text(41, 'L');
   QUARRY_TRACE(h, 2, "s", long_text.c_str());
-  written.push_back(Written{2, {s(long_text)}, 4 + 11});
+  written.push_back(Written{2, {s(long_text)}, 15});
   position += 15;
   const size_t crossing = written.size() - 1;
   for (uint32_t i = 0; i < 20; ++i) write(i % kCount);
