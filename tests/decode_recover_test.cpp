@@ -29,12 +29,10 @@ using quarry_test::base_dir;
 
 constexpr int kThreads = 2, kBuffers = 3;
 
-// Shared with the children: per writer and buffer, records started and completed.
+// Shared with the children, per writer and buffer: records started, completed, late (> 2 us).
 struct Progress {
-  std::atomic<uint32_t> started[8][kBuffers], done[8][kBuffers];
-  uint64_t before[8][kBuffers][1024];       // clock read just before record n, at n % 1024
-  std::atomic<uint32_t> late[8][kBuffers];  // records that took a writer more than 2 us
-  std::atomic<uint32_t> grown_at[8];
+  std::atomic<uint32_t> started[8][kBuffers], done[8][kBuffers], late[8][kBuffers], grown_at[8];
+  uint64_t before[8][kBuffers][1024];  // clock read just before record n, at n % 1024
 };
 
 // Record n of writer t: a text of varying length (strings cross the ring's end), a check value.
@@ -97,9 +95,9 @@ struct Valid {
   uint32_t t, n;
 };
 struct Found {
-  std::vector<Valid> valid;                          // in ring order, oldest first
-  std::map<uint32_t, std::set<uint32_t>> by_writer;  // valid records: writer -> numbers
-  int bogus = 0;                                     // records matching no write, or repeated
+  std::vector<Valid> valid;                      // in ring order, oldest first
+  std::set<std::pair<uint32_t, uint32_t>> held;  // writer and number of the valid records
+  int bogus = 0;                                 // records matching no write, or repeated
   uint32_t size = 0;
 };
 
@@ -116,7 +114,7 @@ Found recover_and_read(const std::string& run) {
     void on_record(const Record& r) override {
       uint32_t t = r.arg_count == 4 ? r.args[0].number : 99, n = r.args[1].number;
       bool ok = t < 8 && r.args[2].text == text_of(t, n) && r.args[3].number == check_of(t, n);
-      if (ok && found.by_writer[t].insert(n).second)
+      if (ok && found.held.insert({t, n}).second)
         found.valid.push_back({r.mono_ns, t, n});
       else
         ++found.bogus;
@@ -144,23 +142,18 @@ void check_complete(const Found& f, Progress* p, int buffer) {
   if (times.size() <= 2 * skip) return;
   const uint64_t oldest = times[skip], newest = times[times.size() - 1 - skip];
   int anomalies = f.bogus;
-  for (int t = 0; t < kThreads; ++t) {
-    std::set<uint32_t> held;
-    for (size_t i = 0, last = SIZE_MAX; i < f.valid.size(); ++i) {
-      const Valid& v = f.valid[i];
-      if (v.t != static_cast<uint32_t>(t) || v.mono < oldest || v.mono > newest) continue;
-      if (last != SIZE_MAX && v.n < f.valid[last].n) ++anomalies;  // out of order
-      held.insert(v.n);
-      last = i;
-    }
+  for (uint32_t t = 0; t < kThreads; ++t) {
+    std::vector<uint32_t> ns;  // the writer's, in ring order
+    for (const Valid& v : f.valid)
+      if (v.t == t && v.mono >= oldest && v.mono <= newest) ns.push_back(v.n);
+    for (size_t i = 1; i < ns.size(); ++i) anomalies += ns[i] < ns[i - 1];  // out of order
+    const std::set<uint32_t> held(ns.begin(), ns.end());
     if (!held.empty()) anomalies += *held.rbegin() - *held.begin() + 1 - held.size();  // holes
     const uint32_t done = p->done[t][buffer];
-    const std::set<uint32_t>& all = f.by_writer.count(t) ? f.by_writer.at(t) : held;
     for (uint32_t n = done; n-- > 0 && n + 1024 > done &&
                             p->before[t][buffer][n % 1024] > oldest + 1000 &&
-                            (held.empty() || n > *held.rbegin());) {
-      anomalies += all.count(n) == 0;  // a completed record newer than those checked above
-    }
+                            (held.empty() || n > *held.rbegin());)
+      anomalies += f.held.count({t, n}) == 0;  // completed, newer than those checked above
   }
   EXPECT_LE(anomalies, budget) << "in flight " << in_flight;
 }
@@ -251,8 +244,7 @@ TEST_F(Recovery, RestartsKeepThePreviousRuns) {
   std::map<uint32_t, size_t> records;  // of each writer, over all the runs
   for (const RecoveredRun& run : recover(buffer_dir, cache)) {
     ASSERT_EQ("", run.error);
-    for (const auto& writer : recover_and_read(run.ring_dir).by_writer)
-      records[writer.first] += writer.second.size();
+    for (const auto& record : recover_and_read(run.ring_dir).held) ++records[record.first];
   }
   EXPECT_EQ((std::map<uint32_t, size_t>{{3, 50}, {4, 50}}), records);
   EXPECT_TRUE(quarry_test::file_exists(buffer_dir + "quarry_0.trc"));
