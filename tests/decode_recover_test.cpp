@@ -60,8 +60,7 @@ quarry_handle* open_ring(const char* process, int buffer, unsigned size) {
   return quarry_open_internal(&h, name.c_str(), size, 2, "persist.dec", "1", nullptr) ? nullptr : h;
 }
 
-// Forks a host whose writers write to `buffers` persistent buffers until it dies; `during`
-// runs on its main thread.
+// Forks a host writing to `buffers` buffers until it dies; `during` runs on its main thread.
 pid_t spawn(Progress* p, int buffers, unsigned size,
             const std::function<void(quarry_handle*)>& during) {
   pid_t pid = fork();
@@ -125,8 +124,7 @@ Found recover_and_read(const std::string& run) {
   return sink.found;
 }
 
-// Every record a writer began after the oldest one held is there, in order, without holes. A
-// record in flight at the death may spoil two; a writer held up mid-record may mix words.
+// Every record begun after the oldest held is there, in order; in-flight and late ones excepted.
 void check_complete(const Found& f, Progress* p, int buffer) {
   int in_flight = 0, budget = 0;
   for (int t = 0; t < kThreads; ++t) {
@@ -176,8 +174,7 @@ __attribute__((noinline)) int recurse(volatile int depth) {
   return recurse(depth + 1) + frame[0];
 }
 
-// Hosts killed at a random moment (200 runs), killed after a growth (the ring then holds only
-// newer records), or dead of a stack overflow on the main thread.
+// Hosts killed at random (200 runs), killed after a growth, or dead of a stack overflow.
 enum Death { kKilled, kGrownThenKilled, kOverflow };
 
 TEST_F(Recovery, DeathsLoseNothingCompleted) {
@@ -221,8 +218,7 @@ TEST_F(Recovery, DeathsLoseNothingCompleted) {
   }
 }
 
-// Five runs of one name killed in turn (the fourth reusing the third's pid, as in containers),
-// then a normal exit: the two newest dead runs are recoverable, older ones pruned, none left.
+// Runs killed in turn (one reusing a pid), then a normal exit: the two newest dead runs remain.
 TEST_F(Recovery, RestartsKeepThePreviousRuns) {
   const std::string buffer_dir = base_dir() + "restart/b0/";
   pid_t previous = 0;

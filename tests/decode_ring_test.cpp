@@ -19,8 +19,7 @@ Decoded decode(const std::string& bytes, const std::string& decode_file_text) {
   return decode_all(read_trace_bytes(bytes, "test.trc", cache));
 }
 
-// Random records (string words that look like headers) then escape edge values fill a ring
-// several times: every whole record decodes, in order; the cut oldest one is not damage.
+// Random records, then escape edges, fill a ring several times: every whole record decodes.
 TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
   const std::string sigs[] = {"s", "ds", "sD", "dddddds", "ss", "-", "dsd"};
   std::string dec = "16705 fake1 -\n65535 fake2 d\n7 few dD\n8 many dddddd\n9 wide DDDs\n";
@@ -98,8 +97,7 @@ TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
   std::vector<uint32_t> bad_flag = encode(0, kT0 + 6, 1, {d(6)});
   bad_flag[0] |= 1u << 19;
   ring.add(bad_flag);
-  // A flag beyond the escapable words, an escape word not matching the header's flags, bytes
-  // after a string's NUL.
+  // A flag past the escapable words, an escape word unlike the header flags, bytes after a NUL.
   bad_flag[0] ^= 1u << 19 | 1u << 20;
   ring.add(bad_flag);
   std::vector<uint32_t> six = encode(3, kT0 + 6, 1, {d(0x7F000001u), d(0), d(0), d(0), d(0), d(0)});
@@ -135,8 +133,7 @@ TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
                             st.damage_from_start, st.damage_to_end, st.damage_from_ns));
 }
 
-// Records k = 0, 1, ... of 4 or 5 words in a ring; the counters and the words held say which
-// survive.
+// Records k = 0, 1, ... in a ring: the counters and the words held say which survive.
 TEST(DecodeRing, CountersLayOutTheData) {
   const struct {
     const char* what;

@@ -59,8 +59,7 @@ struct Written {
   uint32_t words;  // the record's length in the buffer
 };
 
-// Writes a record of trace point `index` with random values: half of the numbers escape edge
-// values, strings of 0 to 12 characters (every length modulo 4), some with 0xFF bytes, some null.
+// Writes trace point `index` with random values: many edge values, strings of every length.
 Written write_random(std::mt19937& rng, quarry_handle* h, uint32_t index) {
   static const uint32_t kEdges[] = {0,           1,           0x7F000000u, 0x7FFFFFFFu,
                                     0x80000000u, 0xFEFFFFFFu, 0xFF000000u, 0xFFFFFFFFu};
@@ -108,16 +107,12 @@ class DecodeRoundTrip : public ::testing::Test {
   }
 };
 
-// A parent and a child handle write a small buffer over a few times and the pipe. The pipe, in
-// 7-byte chunks, gives every record (the child's IDs after the parent's, its own decode file);
-// the dump gives exactly the newest, a string across the end whole, and skips only the cut one.
+// Parent and child records decode as written from the pipe, and the newest from a wrapped dump.
 TEST_F(DecodeRoundTrip, PipeStreamAndWrappedDump) {
-  quarry_handle* h = nullptr;
-  quarry_handle* child = nullptr;
+  quarry_handle *h = nullptr, *child = nullptr;
   ASSERT_EQ(0, quarry_open_internal(&h, "small", 4096, kCount, "rt.dec", "1", nullptr));
   ASSERT_EQ(0, quarry_open_internal(&child, "kid", 0, kCount, "child.dec", "2", h));
-  const std::string ctrl = h->cb->ctrl_file_name;
-  const std::string pipe = ctrl.substr(0, ctrl.size() - 4) + "pipe";
+  const std::string ctrl = h->cb->ctrl_file_name, pipe = ctrl.substr(0, ctrl.size() - 4) + "pipe";
   ASSERT_EQ(0, mkfifo(pipe.c_str(), 0666));
   const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
   ASSERT_GE(reader, 0);
@@ -196,8 +191,7 @@ TEST_F(DecodeRoundTrip, PipeStreamAndWrappedDump) {
   EXPECT_EQ("rt-main", *source.threads.find(self));
 }
 
-// Four threads write three buffers: the process directory decodes to every record once, in
-// time order (clock, then index bits), each thread's in its own order.
+// Four threads, three buffers: the process's directory decodes every record once, in time order.
 TEST_F(DecodeRoundTrip, BuffersOfOneProcessMergeInExactTimeOrder) {
   put("merge.dec", "0 n d v\n");
   quarry_handle* h[3];
@@ -206,11 +200,10 @@ TEST_F(DecodeRoundTrip, BuffersOfOneProcessMergeInExactTimeOrder) {
     ASSERT_EQ(0, quarry_open_internal(&h[b], name.c_str(), 1 << 20, 1, "merge.dec", "1", nullptr));
   }
   std::vector<std::thread> threads;
-  for (uint32_t t = 0; t < 4; ++t) {
+  for (uint32_t t = 0; t < 4; ++t)
     threads.emplace_back([&h, t] {
       for (uint32_t i = 0; i < 3000; ++i) QUARRY_TRACE(h[(i + t) % 3], 0, "d", t * 100000 + i);
     });
-  }
   for (std::thread& thread : threads) thread.join();
   ASSERT_EQ(0, quarry_dump_all());
   CliResult r = run({"--format=json", quarry_test::base_dir() + "roundtrip/"});
