@@ -68,7 +68,7 @@ pid_t spawn(Progress* p, int buffers, unsigned size,
   static quarry_handle* handles[kBuffers];
   for (int b = 0; b < buffers; ++b)
     if (!(handles[b] = open_ring("host", b, size))) _exit(3);
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < kThreads; ++t)
     std::thread([=] {
       for (uint32_t k = 0;; ++k) {
         int b = k % buffers;
@@ -80,7 +80,6 @@ pid_t spawn(Progress* p, int buffers, unsigned size,
         p->done[t][b].store(n + 1);
       }
     }).detach();
-  }
   during(handles[0]);
   for (;;) pause();
 }

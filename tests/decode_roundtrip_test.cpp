@@ -95,15 +95,13 @@ class DecodeRoundTrip : public ::testing::Test {
   void SetUp() override {
     quarry_set_process_name("roundtrip");
     quarry_set_current_thread_name("rt-main");
-    std::string parent, child;
-    for (uint32_t i = 0; i < kCount; ++i) {
-      const std::string id = std::to_string(i),
-                        sig = *kPoints[i].signature ? kPoints[i].signature : "-";
-      parent += id + " p" + id + " " + sig + "\n";
-      child += id + " c" + id + " " + sig + "\n";
+    for (const std::string prefix : {"p", "c"}) {  // the parent's and the child's decode file
+      std::string text;
+      for (uint32_t i = 0; i < kCount; ++i)
+        text += std::to_string(i) + " " + prefix + std::to_string(i) + " " +
+                (*kPoints[i].signature ? kPoints[i].signature : "-") + "\n";
+      put(prefix == "p" ? "rt.dec" : "child.dec", text);
     }
-    put("rt.dec", parent);
-    put("child.dec", child);
   }
 };
 
