@@ -159,8 +159,8 @@ TEST(DecodeRing, CountersLayOutTheData) {
     items.word_count = c.word_count ? c.word_count : static_cast<uint32_t>(ring.position);
     items.wraparound_count = c.wraps;
     const size_t kept = c.kept ? c.kept : std::min<size_t>(ring.position, c.size);
-    const std::vector<uint32_t> data(ring.words.begin(), ring.words.begin() + kept);
-    Decoded out = decode(header_text(items) + word_bytes(data), "0 e -\n1 r d k\n");
+    const std::string data = word_bytes(ring.words).substr(0, kept * 4);
+    Decoded out = decode(header_text(items) + data, "0 e -\n1 r d k\n");
     std::vector<uint64_t> expected, decoded;
     for (const auto& range : c.expected)
       for (uint64_t k = range.first; k <= range.second; ++k) expected.push_back(k);
