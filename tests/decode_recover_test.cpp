@@ -1,6 +1,5 @@
-// Persistent rings, end to end: hosts in child processes write numbered records, die without a
-// dump (SIGKILL at a random moment, a growth then SIGKILL, a stack overflow, restarts), and
-// recovery must give back every record they completed that the ring still holds.
+// Persistent rings, end to end: hosts in child processes write numbered records and die without
+// a dump; recovery gives back every record they completed that the ring still holds.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -30,17 +29,13 @@ using quarry_test::base_dir;
 
 constexpr int kThreads = 2, kBuffers = 3;
 
-// Shared with the children: per writer and buffer, records started and completed.
+// Shared with the children, per writer and buffer: records started, completed, late (> 2 us).
 struct Progress {
-  std::atomic<uint32_t> started[8][kBuffers], done[8][kBuffers];
-  uint64_t before[8][kBuffers][1024];       // clock read just before record n, at n % 1024
-  std::atomic<uint32_t> late[8][kBuffers];  // records that took a writer more than 2 us
-  std::atomic<uint32_t> grown_at[8];
-  std::atomic<int> grown;
+  std::atomic<uint32_t> started[8][kBuffers], done[8][kBuffers], late[8][kBuffers], grown_at[8];
+  uint64_t before[8][kBuffers][1024];  // clock read just before record n, at n % 1024
 };
 
-// Record n of writer t carries a text of varying length (strings cross the ring's end) and a
-// check value.
+// Record n of writer t: a text of varying length (strings cross the ring's end), a check value.
 std::string text_of(uint32_t t, uint32_t n) {
   return std::string((n * 7 + t) % 23, static_cast<char>('a' + (n + t) % 26));
 }
@@ -56,24 +51,24 @@ uint64_t now_ns() {  // CLOCK_MONOTONIC, as the records' timestamps
   return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
 }
 
-// Forks a host named `name` whose `threads` writers write to `buffers` persistent buffers
-// until it dies; `before` runs in the child first, `during` on its main thread afterwards.
-pid_t spawn(
-    const char* name, Progress* p, int threads, int buffers, unsigned size,
-    const std::function<void(quarry_handle*)>& during,
-    const std::function<void()>& before = [] {}) {
+// Persistent buffer b<buffer> of a process named `process`; null if it does not open.
+quarry_handle* open_ring(const char* process, int buffer, unsigned size) {
+  quarry_set_process_name(process);
+  set_persistent_mode_override(1);
+  quarry_handle* h = nullptr;
+  const std::string name = "b" + std::to_string(buffer);
+  return quarry_open_internal(&h, name.c_str(), size, 2, "persist.dec", "1", nullptr) ? nullptr : h;
+}
+
+// Forks a host writing to `buffers` buffers until it dies; `during` runs on its main thread.
+pid_t spawn(Progress* p, int buffers, unsigned size,
+            const std::function<void(quarry_handle*)>& during) {
   pid_t pid = fork();
   if (pid != 0) return pid;
-  quarry_set_process_name(name);
-  set_persistent_mode_override(1);
-  before();
   static quarry_handle* handles[kBuffers];
-  for (int b = 0; b < buffers; ++b) {
-    std::string buffer = "b" + std::to_string(b);
-    if (quarry_open_internal(&handles[b], buffer.c_str(), size, 2, "persist.dec", "1", nullptr))
-      _exit(3);
-  }
-  for (int t = 0; t < threads; ++t) {
+  for (int b = 0; b < buffers; ++b)
+    if (!(handles[b] = open_ring("host", b, size))) _exit(3);
+  for (int t = 0; t < kThreads; ++t)
     std::thread([=] {
       for (uint32_t k = 0;; ++k) {
         int b = k % buffers;
@@ -85,8 +80,7 @@ pid_t spawn(
         p->done[t][b].store(n + 1);
       }
     }).detach();
-  }
-  if (during) during(handles[0]);
+  during(handles[0]);
   for (;;) pause();
 }
 
@@ -99,9 +93,9 @@ struct Valid {
   uint32_t t, n;
 };
 struct Found {
-  std::vector<Valid> valid;                          // in ring order, oldest first
-  std::map<uint32_t, std::set<uint32_t>> by_writer;  // valid records: writer -> numbers
-  int bogus = 0;                                     // records matching no write, or repeated
+  std::vector<Valid> valid;                      // in ring order, oldest first
+  std::set<std::pair<uint32_t, uint32_t>> held;  // writer and number of the valid records
+  int bogus = 0;                                 // records matching no write, or repeated
   uint32_t size = 0;
 };
 
@@ -118,11 +112,10 @@ Found recover_and_read(const std::string& run) {
     void on_record(const Record& r) override {
       uint32_t t = r.arg_count == 4 ? r.args[0].number : 99, n = r.args[1].number;
       bool ok = t < 8 && r.args[2].text == text_of(t, n) && r.args[3].number == check_of(t, n);
-      if (ok && found.by_writer[t].insert(n).second) {
+      if (ok && found.held.insert({t, n}).second)
         found.valid.push_back({r.mono_ns, t, n});
-      } else {
+      else
         ++found.bogus;
-      }
     }
   } sink;
   decode_trace(data, sink);
@@ -130,9 +123,7 @@ Found recover_and_read(const std::string& run) {
   return sink.found;
 }
 
-// Every record a writer began after the oldest one held is there, in order, without holes.
-// Budget: a record in flight at the death may be missing or torn and spoil two older ones; a
-// writer held up mid-record (late, more than 2 us) while others lapped the ring mixes words.
+// Every record begun after the oldest held is there, in order; in-flight and late ones excepted.
 void check_complete(const Found& f, Progress* p, int buffer) {
   int in_flight = 0, budget = 0;
   for (int t = 0; t < kThreads; ++t) {
@@ -148,23 +139,18 @@ void check_complete(const Found& f, Progress* p, int buffer) {
   if (times.size() <= 2 * skip) return;
   const uint64_t oldest = times[skip], newest = times[times.size() - 1 - skip];
   int anomalies = f.bogus;
-  for (int t = 0; t < kThreads; ++t) {
-    std::set<uint32_t> held;
-    for (size_t i = 0, last = SIZE_MAX; i < f.valid.size(); ++i) {
-      const Valid& v = f.valid[i];
-      if (v.t != static_cast<uint32_t>(t) || v.mono < oldest || v.mono > newest) continue;
-      if (last != SIZE_MAX && v.n < f.valid[last].n) ++anomalies;  // out of order
-      held.insert(v.n);
-      last = i;
-    }
+  for (uint32_t t = 0; t < kThreads; ++t) {
+    std::vector<uint32_t> ns;  // the writer's, in ring order
+    for (const Valid& v : f.valid)
+      if (v.t == t && v.mono >= oldest && v.mono <= newest) ns.push_back(v.n);
+    for (size_t i = 1; i < ns.size(); ++i) anomalies += ns[i] < ns[i - 1];  // out of order
+    const std::set<uint32_t> held(ns.begin(), ns.end());
     if (!held.empty()) anomalies += *held.rbegin() - *held.begin() + 1 - held.size();  // holes
     const uint32_t done = p->done[t][buffer];
-    const std::set<uint32_t>& all = f.by_writer.count(t) ? f.by_writer.at(t) : held;
     for (uint32_t n = done; n-- > 0 && n + 1024 > done &&
                             p->before[t][buffer][n % 1024] > oldest + 1000 &&
-                            (held.empty() || n > *held.rbegin());) {
-      anomalies += all.count(n) == 0;  // a completed record newer than those checked above
-    }
+                            (held.empty() || n > *held.rbegin());)
+      anomalies += f.held.count({t, n}) == 0;  // completed, newer than those checked above
   }
   EXPECT_LE(anomalies, budget) << "in flight " << in_flight;
 }
@@ -187,8 +173,7 @@ __attribute__((noinline)) int recurse(volatile int depth) {
   return recurse(depth + 1) + frame[0];
 }
 
-// Hosts whose writers run until they die: killed at a random moment (200 runs), killed after a
-// growth (the ring holds only newer records), or by a stack overflow on the main thread.
+// Hosts killed at random (200 runs), killed after a growth, or dead of a stack overflow.
 enum Death { kKilled, kGrownThenKilled, kOverflow };
 
 TEST_F(Recovery, DeathsLoseNothingCompleted) {
@@ -200,23 +185,23 @@ TEST_F(Recovery, DeathsLoseNothingCompleted) {
       SCOPED_TRACE("death " + std::to_string(death) + " run " + std::to_string(run));
       Progress* p = new (p_) Progress();
       const uint32_t target = random() % 3000;
-      pid_t pid = spawn("host", p, kThreads, buffers, size, [&](quarry_handle* h) {
-        while (death != kKilled && p->done[0][0] < 2000) std::this_thread::yield();
+      const bool grown = death == kGrownThenKilled;
+      pid_t pid = spawn(p, buffers, size, [&](quarry_handle* h) {
+        if (death == kKilled) return;
+        while (p->done[0][0] < 2000) std::this_thread::yield();
         if (death == kOverflow) _exit(recurse(0));
-        if (death == kGrownThenKilled && set_circular_buffer_size(h->cb, 16384) != 0) _exit(4);
+        if (set_circular_buffer_size(h->cb, 16384) != 0) _exit(4);
         for (int t = 0; t < kThreads; ++t) p->grown_at[t] = p->done[t][0].load();
-        p->grown = death == kGrownThenKilled;
+        while (p->done[0][0] <= p->grown_at[0] + 3000) std::this_thread::yield();
+        raise(SIGKILL);
       });
       while (death == kKilled && p->done[0][0] + p->done[1][1] < target) std::this_thread::yield();
-      while (death == kGrownThenKilled && !(p->grown && p->done[0][0] > p->grown_at[0] + 3000))
-        std::this_thread::yield();
-      if (death != kOverflow) kill(pid, SIGKILL);
+      if (death == kKilled) kill(pid, SIGKILL);
       int status = 0;
       waitpid(pid, &status, 0);
       ASSERT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) != 0) << status;
-      if (p->grown) {
-        // The header names words.1; after a death inside a growth it may be missing, and the
-        // newest generation present (never a stray name) is read instead.
+      if (grown) {
+        // Without the words.1 the header names, the newest generation present is read.
         const std::string words = run_dir("host", 0, pid) + "/words.";
         EXPECT_FALSE(quarry_test::file_exists(words + "0"));
         ASSERT_EQ(0, rename((words + "1").c_str(), (words + "5").c_str()));
@@ -224,75 +209,56 @@ TEST_F(Recovery, DeathsLoseNothingCompleted) {
       }
       for (int b = 0; b < buffers; ++b) {
         Found f = recover_and_read(run_dir("host", b, pid));
-        EXPECT_EQ((p->grown ? 16384 : size) / 4, f.size);
-        for (const Valid& v : f.valid) EXPECT_TRUE(!p->grown || v.n > p->grown_at[v.t]) << v.n;
+        EXPECT_EQ((grown ? 16384 : size) / 4, f.size);
+        for (const Valid& v : f.valid) EXPECT_TRUE(!grown || v.n > p->grown_at[v.t]) << v.n;
         check_complete(f, p, b);
       }
     }
   }
 }
 
-// Five runs of one name killed in turn (the fourth reusing the third's pid, as containers do),
-// then one that exits normally: the newest dead runs stay recoverable, each with its own
-// records; older ones are pruned; a normal exit dumps and leaves no run behind.
+// Runs killed in turn (one reusing a pid), then a normal exit: the two newest dead runs remain.
 TEST_F(Recovery, RestartsKeepThePreviousRuns) {
   const std::string buffer_dir = base_dir() + "restart/b0/";
   pid_t previous = 0;
   for (uint32_t r = 0; r < 6; ++r) {
-    new (p_) Progress();
-    previous = spawn(
-        "restart", p_, 0, 1, 4096,
-        [&](quarry_handle* h) {
-          for (uint32_t n = 0; n < 50; ++n) write_record(h, r, n);
-          p_->done[0][0] = 50;
-          if (r == 5) {  // exit(3) without this test's own exit handlers
-            persistent_rings_at_exit();
-            dump_at_exit();
-            _exit(0);
-          }
-        },
+    quarry_test::in_child(
         [&] {
-          if (r == 3)
-            rename(run_dir("restart", 0, previous).c_str(),
-                   run_dir("restart", 0, getpid()).c_str());
-        });
-    while (r < 5 && p_->done[0][0] != 50) std::this_thread::yield();
-    if (r < 5) kill(previous, SIGKILL);
-    waitpid(previous, nullptr, 0);
+          const std::string reused = run_dir("restart", 0, getpid());
+          if (r == 3) rename(run_dir("restart", 0, previous).c_str(), reused.c_str());
+          quarry_handle* h = open_ring("restart", 0, 4096);
+          for (uint32_t n = 0; h && n < 50; ++n) write_record(h, r, n);
+          if (r < 5) raise(SIGKILL);
+          persistent_rings_at_exit();  // what exit(3) runs, without this test's own handlers
+          dump_at_exit();
+          return 0;
+        },
+        &previous);
   }
   DecodeFileCache cache(decode_search_path({}));
-  std::set<uint32_t> writers;
+  std::map<uint32_t, size_t> records;  // of each writer, over all the runs
   for (const RecoveredRun& run : recover(buffer_dir, cache)) {
     ASSERT_EQ("", run.error);
-    Found f = recover_and_read(run.ring_dir);
-    ASSERT_EQ(1u, f.by_writer.size());
-    EXPECT_EQ(50u, f.by_writer.begin()->second.size());
-    writers.insert(f.by_writer.begin()->first);
+    for (const auto& record : recover_and_read(run.ring_dir).held) ++records[record.first];
   }
-  EXPECT_EQ((std::set<uint32_t>{3, 4}), writers);
+  EXPECT_EQ((std::map<uint32_t, size_t>{{3, 50}, {4, 50}}), records);
   EXPECT_TRUE(quarry_test::file_exists(buffer_dir + "quarry_0.trc"));
 }
 
 // A live process's rings are never recovered; a forked child writes into private memory.
 TEST_F(Recovery, LiveRingsAreRefusedAndAForkedChildWritesPrivately) {
-  quarry_set_process_name("live");
-  set_persistent_mode_override(1);
-  quarry_handle* h = nullptr;
-  ASSERT_EQ(0, quarry_open_internal(&h, "b0", 4096, 2, "persist.dec", "1", nullptr));
+  quarry_handle* h = open_ring("live", 0, 4096);
+  ASSERT_NE(nullptr, h);
   for (uint32_t n = 0; n < 10; ++n) write_record(h, 0, n);
   const std::string run = run_dir("live", 0, getpid());
   DecodeFileCache cache(decode_search_path({}));
   EXPECT_THROW(recover_ring(run, cache), DecodeError);
   const std::string before = quarry_test::read_file(run + "/words.0");
-  pid_t pid = fork();
-  if (pid == 0) {
-    persistent_rings_after_fork();
-    for (uint32_t n = 0; n < 500; ++n) write_record(h, 1, n);
-    _exit(load_ring(h->cb).buffer[0].load() == 0 ? 5 : 0);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  EXPECT_EQ(0, WEXITSTATUS(status));
+  EXPECT_EQ(0, quarry_test::in_child([&] {
+              persistent_rings_after_fork();
+              for (uint32_t n = 0; n < 500; ++n) write_record(h, 1, n);
+              return load_ring(h->cb).buffer[0].load() == 0 ? 5 : 0;
+            }));
   EXPECT_EQ(before, quarry_test::read_file(run + "/words.0"));
 }
 

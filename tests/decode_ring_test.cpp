@@ -1,6 +1,5 @@
-// Walking the ring of a trace file built byte by byte: escapes and the escape word, a wrapped
-// buffer whose oldest record is cut, string words that look like headers, strings across the
-// end, records that do not fit their signature, and the layouts the header counters describe.
+// Walking the ring of a trace file built byte by byte: escapes, a wrapped buffer whose oldest
+// record is cut, records that do not fit their signature, the layouts the header counters give.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,12 +19,7 @@ Decoded decode(const std::string& bytes, const std::string& decode_file_text) {
   return decode_all(read_trace_bytes(bytes, "test.trc", cache));
 }
 
-// Records of random signatures, with strings whose words look like headers (0xFF in the top
-// byte), fill a small ring several times over; the newest are the escape edge values in every
-// escapable position, flags in the header (under six numeric words) and in the escape word.
-// Every record wholly in the ring decodes, in order; the cut one at the oldest end is skipped,
-// not counted as damage. The handle covers every ID and the decode file describes the IDs the
-// string words spell, so only the record checks can reject them.
+// Random records, then escape edges, fill a ring several times: every whole record decodes.
 TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
   const std::string sigs[] = {"s", "ds", "sD", "dddddds", "ss", "-", "dsd"};
   std::string dec = "16705 fake1 -\n65535 fake2 d\n7 few dD\n8 many dddddd\n9 wide DDDs\n";
@@ -34,8 +28,7 @@ TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
   dec += "10 full " + std::string(29, 'd') + "\n";
   HeaderItems items;
   items.refs = {"QUARRY_DECODE_REF all \"t.dec\" 0.65535.1"};
-  // With 29 numeric words flag bit 31 exists: all flags set store the escape word escaped
-  // (0x7FFFFFFF); flags up to bit 30 store it as 0x7F... too, and the last word tells them apart.
+  // With 29 numeric words, all flags set and flags up to bit 30 both store 0x7F... escape words.
   std::vector<Arg> up_to_bit_30(29, d(5));
   for (size_t i = 21; i < 28; ++i) up_to_bit_30[i] = d(0xFF00FF00u);  // flag bits 24..30
   const std::vector<std::pair<uint32_t, std::vector<Arg>>> edges = {
@@ -53,11 +46,9 @@ TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
     auto u32 = [&] { return static_cast<uint32_t>(rng()); };
     Ring ring(1024);
     std::vector<Seen> placed;
-    std::vector<uint64_t> starts;  // of the placed records
-    bool crossed = false;
+    std::vector<uint64_t> starts;
     auto place = [&](const Seen& r) {
       const std::vector<uint32_t> words = encode(r.id, r.timestamp, r.thread, r.args);
-      crossed |= ring.position % 1024 + words.size() > 1024;
       placed.push_back(r);
       starts.push_back(ring.position);
       ring.add(words);
@@ -75,29 +66,24 @@ TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
       }
       place(r);
     }
-    // The low timestamp and the thread words escape too.
     for (const auto& edge : edges)
       place(Seen{edge.first, 0xE9FFFFFFFFull, 0xFF123400u, false, "", edge.second});
-    ASSERT_TRUE(crossed);
     ASSERT_EQ(0x7Fu, ring.words[(ring.position - 1) % 1024] >> 24);  // the last escape word
     Decoded out = decode(ring.file(items), dec);
     const size_t first =
         std::lower_bound(starts.begin(), starts.end(), ring.position - 1024) - starts.begin();
-    ASSERT_EQ(placed.size() - first, out.records.size()) << "seed " << seed;
-    for (size_t i = first; i < placed.size(); ++i) {
-      const Seen &w = placed[i], &r = out.records[i - first];
-      EXPECT_EQ(std::tie(w.id, w.timestamp, w.thread, w.args),
-                std::tie(r.id, r.timestamp, r.thread, r.args))
-          << "seed " << seed << " record " << i;
-    }
-    EXPECT_EQ(0u, out.stats().rejected) << "seed " << seed;
-    EXPECT_EQ(out.stats().seam_words, out.stats().skipped_words);
-    EXPECT_TRUE(out.data.problems.empty());
+    std::vector<std::tuple<uint32_t, uint64_t, uint32_t, std::vector<Arg>>> want, got;
+    for (size_t i = first; i < placed.size(); ++i)
+      want.emplace_back(placed[i].id, placed[i].timestamp, placed[i].thread, placed[i].args);
+    for (const Seen& r : out.records) got.emplace_back(r.id, r.timestamp, r.thread, r.args);
+    EXPECT_EQ(want, got) << "seed " << seed;
+    EXPECT_EQ(std::make_tuple(0u, out.stats().seam_words, true),
+              std::make_tuple(out.stats().rejected, out.stats().skipped_words,
+                              out.data.problems.empty()));
   }
 }
 
-// Each kind of inconsistency costs exactly the record that has it; the walk goes on with the
-// next header word.
+// Each inconsistency costs exactly its record; the walk goes on with the next header word.
 TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
   Ring ring(1024);
   ring.add(encode(0, kT0, 1, {d(1)}));
@@ -111,8 +97,7 @@ TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
   std::vector<uint32_t> bad_flag = encode(0, kT0 + 6, 1, {d(6)});
   bad_flag[0] |= 1u << 19;
   ring.add(bad_flag);
-  // The first flag beyond the record's escapable words; an escape word whose low byte is not
-  // the header's flags; a string whose NUL is followed by other bytes.
+  // A flag past the escapable words, an escape word unlike the header flags, bytes after a NUL.
   bad_flag[0] ^= 1u << 19 | 1u << 20;
   ring.add(bad_flag);
   std::vector<uint32_t> six = encode(3, kT0 + 6, 1, {d(0x7F000001u), d(0), d(0), d(0), d(0), d(0)});
@@ -128,6 +113,8 @@ TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
   ring.add(encode(0, 5, 1, {d(11)}));                 // a time before the buffer was created
   ring.add(encode(0, 3000000000000ull, 1, {d(11)}));  // and one long after the dump
   ring.add(encode(0, kT0 + 12, 1, {d(12)}));
+  // No signature for ID 9: raw up to the next header, its fixed words still restored.
+  ring.add(encode(9, kT0 + 12, 0xFFFFFFFFu, {d(0xFF000001u), s("abc")}));
   ring.add(encode(2, kT0 + 13, 1, {d(13), d(14)}));
   --ring.position;  // the last record runs past the end of the valid data
 
@@ -135,71 +122,31 @@ TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
       decode(ring.file(HeaderItems{}), "0 num d v\n1 str s t\n2 pair dd a b\n3 six dddddd\n");
   std::vector<uint64_t> values;
   for (const Seen& r : out.records) values.push_back(r.args.empty() ? 0 : r.args[0].number);
-  EXPECT_EQ((std::vector<uint64_t>{1, 3, 5, 9, 12}), values);
+  EXPECT_EQ((std::vector<uint64_t>{1, 3, 5, 9, 12, 0x7F000001u}), values);
+  const Seen& raw = out.records.back();
+  EXPECT_EQ(std::make_tuple(true, std::string("app:#9"), 0xFFFFFFFFu,
+                            std::vector<Arg>{{'w', 0x7F000001u, ""}, {'w', 0x00636261u, ""}}),
+            std::tie(raw.raw, raw.display, raw.thread, raw.args));
   const DecodeStats& st = out.stats();  // damage from the last good record to the end
-  EXPECT_EQ(std::make_tuple(11u, 0u, true, false, true, kT0),
-            std::make_tuple(st.rejected, st.seam_words, st.damage, st.damage_from_start,
-                            st.damage_to_end, st.damage_from_ns));
+  EXPECT_EQ(std::make_tuple(11u, 1u, 0u, true, false, true, kT0),
+            std::make_tuple(st.rejected, st.raw_records, st.seam_words, st.damage,
+                            st.damage_from_start, st.damage_to_end, st.damage_from_ns));
 }
 
-// Without a decode file a record runs up to the next header word; its fixed words are still
-// restored from the header flags, the rest is shown as stored. Without any decode reference
-// every ID is shown raw.
-TEST(DecodeRing, RecordsWithoutSignatureAreRaw) {
-  Ring ring(1024);
-  ring.add(encode(3, kT0, 0xFFFFFFFFu, {d(0xFF000001u), s("abc")}));
-  ring.add(encode(9, kT0 + 1, 2, {}));
-  HeaderItems items;
-  Decoded out = decode(ring.file(items), "0 other d\n");
-  ASSERT_EQ(2u, out.records.size());
-  EXPECT_TRUE(out.records[0].raw);
-  EXPECT_EQ("app:#3", out.records[0].display);
-  EXPECT_EQ(0xFFFFFFFFu, out.records[0].thread);
-  EXPECT_EQ((std::vector<Arg>{{'w', 0x7F000001u, ""}, {'w', 0x00636261u, ""}}),
-            out.records[0].args);
-  EXPECT_EQ(0u, out.records[1].args.size());
-  EXPECT_EQ(2u, out.stats().raw_records);
-  items.refs.clear();
-  EXPECT_EQ("#3", decode(ring.file(items), "").records.at(0).display);
-}
-
-// Records k = 0, 1, ... of 4 or 5 words laid in a ring; the header's counters and the words the
-// file holds say which survive.
+// Records k = 0, 1, ... in a ring: the counters and the words held say which survive.
 TEST(DecodeRing, CountersLayOutTheData) {
   const struct {
     const char* what;
-    uint32_t size, records, record_words;
-    uint32_t word_count, wraps, kept;                     // word_count and kept 0: as written
-    std::vector<std::pair<uint64_t, uint64_t>> expected;  // ranges of k
+    uint32_t size, records, record_words, word_count, wraps, kept;  // 0 counts: as written
+    std::vector<std::pair<uint64_t, uint64_t>> expected;            // ranges of k
     bool wrapped;
     size_t problems, notes;
   } kCases[] = {
-      {"a full ring whose last record ends at the end",
-       1024,
-       256,
-       4,
-       0,
-       0,
-       0,
-       {{0, 255}},
-       true,
-       0,
-       0},
-      // Words 476..799 and 1024..1499 survive; record 95 is cut at the seam, 204 straddles the
-      // gap and must not be glued to the words after it.
+      {"a full ring, the last record at its end", 1024, 256, 4, 0, 0, 0, {{0, 255}}, true, 0, 0},
+      // Record 95 is cut at the seam; 204 straddles the gap and is not glued to what follows.
       {"a wrapped file cut short", 1024, 300, 5, 0, 1, 800, {{96, 159}, {205, 299}}, true, 1, 0},
       // Past 2^32 the counter restarted: position 0 holds the last word of record 204.
-      {"WORD_COUNT restarted below the size",
-       1024,
-       210,
-       5,
-       26,
-       4194305,
-       26,
-       {{205, 209}},
-       false,
-       0,
-       0},
+      {"WORD_COUNT restarted", 1024, 210, 5, 26, 4194305, 26, {{205, 209}}, false, 0, 0},
       {"a size that is not a power of two", 1000, 10, 5, 0, 0, 0, {{0, 9}}, false, 0, 1},
   };
   for (const auto& c : kCases) {
@@ -212,18 +159,17 @@ TEST(DecodeRing, CountersLayOutTheData) {
     items.word_count = c.word_count ? c.word_count : static_cast<uint32_t>(ring.position);
     items.wraparound_count = c.wraps;
     const size_t kept = c.kept ? c.kept : std::min<size_t>(ring.position, c.size);
-    const std::vector<uint32_t> data(ring.words.begin(), ring.words.begin() + kept);
-    Decoded out = decode(header_text(items) + word_bytes(data), "0 e -\n1 r d k\n");
+    const std::string data = word_bytes(ring.words).substr(0, kept * 4);
+    Decoded out = decode(header_text(items) + data, "0 e -\n1 r d k\n");
     std::vector<uint64_t> expected, decoded;
     for (const auto& range : c.expected)
       for (uint64_t k = range.first; k <= range.second; ++k) expected.push_back(k);
     for (const Seen& r : out.records) decoded.push_back(r.timestamp - kT0);
     EXPECT_EQ(expected, decoded);
-    EXPECT_EQ(c.wrapped, out.data.source->wrapped);
-    EXPECT_EQ(c.problems, out.data.problems.size());
-    EXPECT_EQ(c.notes, out.data.notes.size());
-    EXPECT_EQ(0u, out.stats().rejected);
-    EXPECT_EQ(out.stats().seam_words, out.stats().skipped_words);
+    EXPECT_EQ(
+        std::make_tuple(c.wrapped, c.problems, c.notes, 0u, out.stats().seam_words),
+        std::make_tuple(out.data.source->wrapped, out.data.problems.size(), out.data.notes.size(),
+                        out.stats().rejected, out.stats().skipped_words));
   }
 }
 

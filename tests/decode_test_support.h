@@ -35,8 +35,7 @@ const auto d = [](uint32_t v) { return Arg{'d', v, ""}; };
 const auto D = [](uint64_t v) { return Arg{'D', v, ""}; };
 const auto s = [](const std::string& v) { return Arg{'s', 0, v}; };
 
-// One record's words: escape flags in the header (and in the escape word with six or more
-// numeric words), strings packed and NUL-padded.
+// One record's words: escape flags in the header (and the escape word), strings NUL-padded.
 inline std::vector<uint32_t> encode(uint32_t id, uint64_t timestamp, uint32_t thread,
                                     const std::vector<Arg>& args) {
   std::vector<uint32_t> words(1, 0);
@@ -101,8 +100,7 @@ inline std::string word_bytes(const std::vector<uint32_t>& words) {
   return std::string(reinterpret_cast<const char*>(words.data()), words.size() * 4);
 }
 
-// Records laid into a ring of `size` words as the writer lays them; file() gives the trace
-// file with the matching counters.
+// Records laid into a ring as the writer lays them; file() gives the trace file.
 struct Ring {
   explicit Ring(uint32_t size) : words(size, 0) {}
   void add(const std::vector<uint32_t>& record) {
@@ -114,8 +112,8 @@ struct Ring {
     f.word_count = static_cast<uint32_t>(position);
     f.entry_count = entries;
     f.wraparound_count = static_cast<uint32_t>(position / words.size());
-    const size_t n = std::min<uint64_t>(position, words.size());
-    return header_text(f) + std::string(reinterpret_cast<const char*>(words.data()), n * 4);
+    return header_text(f) +
+           word_bytes(words).substr(0, std::min<uint64_t>(position, words.size()) * 4);
   }
   std::vector<uint32_t> words;
   uint64_t position = 0;
@@ -183,7 +181,6 @@ inline CliResult run(std::vector<std::string> args) {
   return CliResult{status, quarry_test::read_file(out), quarry_test::read_file(err)};
 }
 
-// How often `what` occurs in `text`.
 inline size_t count(const std::string& text, const std::string& what) {
   size_t n = 0;
   for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
