@@ -6,11 +6,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "buffer.h"
 #include "open.h"
 #include "ring.h"
 #include "test_support.h"
@@ -21,9 +18,8 @@ using Handles = std::vector<quarry_handle*>;
 
 Handles listed(circular_buffer* cb) {
   Handles handles;
-  for (handle_node* n = cb->handle_list.load(); n != nullptr; n = n->next.load()) {
+  for (handle_node* n = cb->handle_list.load(); n != nullptr; n = n->next.load())
     handles.push_back(n->handle);
-  }
   return handles;
 }
 
@@ -39,9 +35,9 @@ class Open : public ::testing::Test {
     return result;
   }
   quarry_handle* must_open(const char* name, unsigned count, quarry_handle* parent = nullptr,
-                           const char* decode = "d.dec") {
+                           const char* decode = "d.dec", const char* tag = "7") {
     quarry_handle* h = nullptr;
-    EXPECT_EQ(0, open(&h, name, 4096, count, parent, decode)) << name << ": " << err_;
+    EXPECT_EQ(0, open(&h, name, 4096, count, parent, decode, tag)) << name << ": " << err_;
     return h;
   }
   // An open that must fail and leave the handle null: its result.
@@ -133,9 +129,8 @@ TEST_F(Open, NewBufferThenChildrenSharingItWithConsecutiveIds) {
   EXPECT_EQ(3u, cb->handle_count.load());
   // A long decode file and tag: the reference line is allocated for exactly what it holds.
   const std::string file(5000, 'f'), tag(300, 't');
-  quarry_handle* big = nullptr;
-  ASSERT_EQ(0, open(&big, "big", 4096, 1, app, file.c_str(), tag.c_str()));
-  EXPECT_EQ("QUARRY_DECODE_REF app/big \"" + file + "\" 15.15." + tag + "\n", big->decode_ref);
+  EXPECT_EQ("QUARRY_DECODE_REF app/big \"" + file + "\" 15.15." + tag + "\n",
+            must_open("big", 1, app, file.c_str(), tag.c_str())->decode_ref);
 }
 
 TEST_F(Open, OtherDecodeFileMakesATwinInTheSameBuffer) {
@@ -178,8 +173,7 @@ TEST_F(Open, FailuresLeaveTheRegistryAndTheBuffersAsTheyWere) {
   ASSERT_EQ(0, unlink(file.c_str()));
   EXPECT_NE(nullptr, must_open("blocked", 1));
 
-  // A child of a buffer watched as live configuration leaves it, whose control file cannot
-  // come back: the watch cannot be re-added.
+  // A child of a watched buffer whose control file cannot come back: the watch is not re-added.
   quarry_handle* parent = must_open("watched", 1);
   circular_buffer* cb = parent->cb;
   quarry_test::write_file(cb->ctrl_file_name, "");
@@ -209,24 +203,22 @@ TEST_F(Open, ConcurrentOpensGiveOneHandlePerFullName) {
         const uint32_t count = cb->handle_count.load();
         const Handles handles = listed(cb);
         faults += handles.size() < count || cb->output_file_name == nullptr;
-        for (quarry_handle* h : handles) {
+        for (quarry_handle* h : handles)
           faults += h->cb != cb || strncmp(h->decode_ref, "QUARRY_DECODE_REF ", 18) != 0;
-        }
       }
     }
   });
+  // Each thread must get the registered handle of each name.
+  auto open_one = [](const std::string& name, quarry_handle* parent) {
+    quarry_handle* h = nullptr;
+    EXPECT_EQ(0, quarry_open_internal(&h, name.c_str(), 4096, 2, "d.dec", "0", parent));
+    EXPECT_EQ(h, find_handle_by_name(h->name));
+    return h;
+  };
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      while (!go.load()) {
-      }
-      // Each thread must get the registered handle of each name.
-      auto open_one = [&](const std::string& name, quarry_handle* parent) {
-        quarry_handle* h = nullptr;
-        EXPECT_EQ(0, quarry_open_internal(&h, name.c_str(), 4096, 2, "d.dec", "0", parent));
-        EXPECT_EQ(h, find_handle_by_name(h->name));
-        return h;
-      };
+      while (!go.load()) std::this_thread::yield();
       for (int round = 0; round < 5; ++round) {
         quarry_handle* shared = open_one("shared", nullptr);
         open_one("own" + std::to_string(t), nullptr);
@@ -239,8 +231,7 @@ TEST_F(Open, ConcurrentOpensGiveOneHandlePerFullName) {
   stop.store(true);
   reader.join();
   EXPECT_EQ(0, faults.load());
-  // Each buffer lists each of its handles once, with consecutive ID ranges, and its counts
-  // agree: shared, shared/kid0..2 and one own per thread.
+  // Per buffer: each handle once, consecutive ID ranges, agreeing counts; 4 shared, 1 own each.
   size_t buffers = 0, handles = 0;
   for (circular_buffer* cb = circular_buffer_list.load(); cb != before; cb = cb->next.load()) {
     ++buffers;
