@@ -1,6 +1,6 @@
-// The process's identity (its name, the thread-name list, their deprecated spellings), clock
-// calibration against scripted clocks, and the once-per-process set-up as the first opens see
-// it. The set-up cases need a fresh process (ctest runs each case in its own).
+// The process's own state: its identity (name, thread-name list, deprecated spellings), clock
+// calibration against scripted clocks, the setup file against the environment, and the set-up as
+// the first opens see it (those cases need a fresh process: ctest runs each case in its own).
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -15,13 +15,11 @@
 
 namespace {
 
+using quarry_test::base_dir;
+using quarry_test::file_exists;
+using quarry_test::write_file;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
-
-std::string deprecated(const char* old_name, const char* new_name) {
-  return std::string("WARNING: deprecated ") + old_name + "() API invoked. Please, use " +
-         new_name + "() instead.\n";
-}
 
 TEST(ProcessName, SpacesBecomeUnderscoresLongNamesAreCutAndTheOldSpellingWarns) {
   char* name = quarry_get_process_prefix();
@@ -31,8 +29,10 @@ TEST(ProcessName, SpacesBecomeUnderscoresLongNamesAreCutAndTheOldSpellingWarns) 
   EXPECT_EQ(std::string(255, 'p'), name);
   CaptureStderr();
   quarry_set_process_prefix("old style");
-  EXPECT_EQ(deprecated("quarry_set_process_prefix", "quarry_set_process_name"),
-            GetCapturedStderr());
+  EXPECT_EQ(
+      "WARNING: deprecated quarry_set_process_prefix() API invoked. Please, use "
+      "quarry_set_process_name() instead.\n",
+      GetCapturedStderr());
   EXPECT_STREQ("old_style", name);
 }
 
@@ -48,8 +48,10 @@ TEST(ThreadNames, EntriesFollowCallOrderAndNameTheCallingThread) {
     worker_thread = pthread_self();
     EXPECT_EQ(0, quarry_set_thread_name(main_thread, "w"));
   }).join();
-  EXPECT_EQ(deprecated("quarry_set_thread_name", "quarry_set_current_thread_name"),
-            GetCapturedStderr());
+  EXPECT_EQ(
+      "WARNING: deprecated quarry_set_thread_name() API invoked. Please, use "
+      "quarry_set_current_thread_name() instead.\n",
+      GetCapturedStderr());
   const std::string long_name(80, 'n');
   EXPECT_EQ(0, quarry_set_current_thread_name(long_name.c_str()));
   std::vector<std::string> added;
@@ -117,6 +119,106 @@ TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
   }
 }
 
+class SetupFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    set_setup_file_candidates(candidates_);
+    for (const char* name : {"QUARRY_PATH", "QUARRY_DEC_PATH", "QUARRY_PERSIST"}) unsetenv(name);
+  }
+  void TearDown() override {
+    set_setup_file_candidates(nullptr);
+    for (const char* name : {"QUARRY_PATH", "QUARRY_DEC_PATH"}) setenv(name, base_dir().c_str(), 1);
+  }
+  // The record as "path|dec|persist", or "null"; standard error goes to err_.
+  std::string read_env(quarry_env* (*get)() = quarry_get_env) {
+    CaptureStderr();
+    quarry_env* env = get();
+    err_ = GetCapturedStderr();
+    if (env == nullptr) return "null";
+    std::string result = std::string(quarry_env_get_quarry_path(env)) + "|" +
+                         quarry_env_get_quarry_dec_path(env) + "|" + std::to_string(env->persist);
+    quarry_free_env(env);
+    return result;
+  }
+  const std::string dir_ =
+      quarry_test::make_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+  const std::string first_ = dir_ + "first.setup", second_ = dir_ + "second.setup";
+  const char* candidates_[3] = {first_.c_str(), second_.c_str(), nullptr};
+  std::string err_;
+};
+
+const std::string kDec = "/usr/local/etc/quarry/|0";
+const std::string kPath = "/dev/shm/quarry/|";
+
+TEST_F(SetupFile, GrammarAndItsTwoMessages) {
+  const std::string eq = "Missing '=' after variable ", val = "Missing value for variable ";
+  const std::string at = " while parsing " + first_ + "\n";
+  const struct {
+    std::string content, expected, message;
+  } cases[] = {
+      {"", kPath + kDec, ""},
+      {"QUARRY_PATH=/a\nQUARRY_DEC_PATH=/d/\n", "/a/|/d/|0", ""},
+      {"  QUARRY_PATH \t=\t /a  more words\n", "/a/|" + kDec, ""},
+      {"# QUARRY_PATH=/not\n\n   \t \nQUARRY_PATH=/a", "/a/|" + kDec, ""},
+      {"QUARRY_PATH=/crlf\r\n", "/crlf/|" + kDec, ""},
+      {"QUARRY_DEC_PATH=/one\nQUARRY_DEC_PATH=/two\n", kPath + "/two/|0", ""},
+      {"quarry_path=/x\nOTHER_NAME=1\n=anonymous\n", kPath + kDec, ""},
+      {"QUARRY_PATH=" + std::string(600, 'v') + "\n", std::string(511, 'v') + "/|" + kDec, ""},
+      // Persistence is on for "1" alone.
+      {"QUARRY_PERSIST=1\n", kPath + "/usr/local/etc/quarry/|1", ""},
+      {"QUARRY_PERSIST=yes\n", kPath + kDec, ""},
+      // 1023 characters are read at a time: the rest of a long comment is a line of its own.
+      {"#" + std::string(1022, 'x') + "QUARRY_PATH=/tail\n", "/tail/|" + kDec, ""},
+      // Malformed lines yield no record and name the variable.
+      {"  # only column one starts a comment\n", "null", eq + at},
+      {"QUARRY_PATH=/ok\nQUARRY_PATH /a\n", "null", eq + "QUARRY_PATH" + at},
+      {"MY-VAR=1\n", "null", eq + "MY" + at},
+      {std::string(600, 'N') + "=1\n", "null", eq + std::string(511, 'N') + at},
+      {"QUARRY_PATH=\n", "null", val + "QUARRY_PATH" + at},
+      {"QUARRY_DEC_PATH =  \t\r\n", "null", val + "QUARRY_DEC_PATH" + at},
+      {"X=" + std::string(1100, 'a') + "\n", "null", eq + std::string(79, 'a') + at},
+  };
+  for (const auto& c : cases) {
+    write_file(first_, c.content);
+    EXPECT_EQ(c.expected, read_env()) << c.content;
+    EXPECT_EQ(c.message, err_) << c.content;
+    EXPECT_EQ(first_, *setup_file_in_use);
+  }
+  // The initialisation's fallback: defaults and environment, the malformed file left alone.
+  setenv("QUARRY_PATH", "/env", 1);
+  EXPECT_EQ("/env/|" + kDec, read_env(quarry_env_from_defaults));
+  EXPECT_EQ("", err_);
+}
+
+TEST_F(SetupFile, CandidatesAreTriedInOrderAndTheEnvironmentWins) {
+  write_file(second_, "QUARRY_DEC_PATH=/second\n");
+  EXPECT_EQ(kPath + "/second/|0", read_env());
+  EXPECT_EQ(second_, *setup_file_in_use);
+  write_file(first_, "QUARRY_PATH=/first\nQUARRY_DEC_PATH=/file/\nQUARRY_PERSIST=1\n");
+  EXPECT_EQ("/first/|/file/|1", read_env());  // the second file is not read at all
+  EXPECT_EQ(first_, *setup_file_in_use);
+  setenv("QUARRY_PATH", "/env/", 1);
+  setenv("QUARRY_PERSIST", "0", 1);
+  EXPECT_EQ("/env/|/file/|0", read_env());
+  // An empty variable counts as not set; a value without the final '/' gets one.
+  setenv("QUARRY_PATH", "", 1);
+  setenv("QUARRY_DEC_PATH", "/dec", 1);
+  setenv("QUARRY_PERSIST", "", 1);
+  EXPECT_EQ("/first/|/dec/|1", read_env());
+  write_file(first_, "QUARRY_PERSIST=0\n");
+  setenv("QUARRY_PERSIST", "1", 1);
+  EXPECT_EQ(kPath + "/dec/|1", read_env());
+}
+
+TEST(DupDirPath, AppendsOneSlashAndNeverReadsBeforeTheString) {
+  // Heap strings, so that a read before the first byte lands in a sanitizer's red zone.
+  for (const auto& c : {std::pair{"", "/"}, std::pair{"/a", "/a/"}, std::pair{"/a/", "/a/"}}) {
+    std::vector<char> input(c.first, c.first + strlen(c.first) + 1);
+    std::unique_ptr<char, void (*)(void*)> copy(dup_dir_path(input.data()), free);
+    EXPECT_STREQ(c.second, copy.get());
+  }
+}
+
 class FirstOpens : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -131,7 +233,7 @@ class FirstOpens : public ::testing::Test {
 TEST_F(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
   quarry_set_process_name("svc one");
   const std::string setup = quarry_test::make_dir("setup") + "quarry.setup";
-  quarry_test::write_file(setup, "QUARRY_PATH=/elsewhere\nbad line\n");
+  write_file(setup, "QUARRY_PATH=/elsewhere\nbad line\n");
   const char* candidates[] = {setup.c_str(), nullptr};
   set_setup_file_candidates(candidates);
   CaptureStderr();
@@ -139,9 +241,9 @@ TEST_F(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
   EXPECT_EQ("Missing '=' after variable bad while parsing " + setup + "\n", GetCapturedStderr());
   set_setup_file_candidates(nullptr);
   // The environment's path; the process directory came after the info file's first try.
-  EXPECT_EQ(quarry_test::base_dir(), quarry_env_get_quarry_path(process_env));
-  const std::string info = quarry_test::base_dir() + "svc_one/quarry.info";
-  EXPECT_FALSE(quarry_test::file_exists(info));
+  EXPECT_EQ(base_dir(), quarry_env_get_quarry_path(process_env));
+  const std::string info = base_dir() + "svc_one/quarry.info";
+  EXPECT_FALSE(file_exists(info));
   EXPECT_EQ(0, open("b"));
   EXPECT_EQ("PROCESS_PID " + std::to_string(getpid()) + "\nDUMP_SIGNAL " +
                 std::to_string(SIGRTMAX - 2) + "\n",
@@ -149,12 +251,12 @@ TEST_F(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
   EXPECT_EQ(getpid(), quarry_get_process_id());
   ASSERT_EQ(0, unlink(info.c_str()));
   ASSERT_EQ(0, open("c"));
-  EXPECT_FALSE(quarry_test::file_exists(info));
+  EXPECT_FALSE(file_exists(info));
 }
 
 TEST_F(FirstOpens, BaseDirectoryThroughARegularFileFailsOnlyTheInfoFile) {
-  const std::string file = quarry_test::base_dir() + "plain";
-  quarry_test::write_file(file, "x");
+  const std::string file = base_dir() + "plain";
+  write_file(file, "x");
   setenv("QUARRY_PATH", (file + "/x").c_str(), 1);
   CaptureStderr();
   EXPECT_EQ(-3, quarry_global_init_once());
