@@ -1,22 +1,26 @@
 // The process's own state: its identity (name, thread-name list, deprecated spellings), clock
-// calibration against scripted clocks, the setup file against the environment, and the set-up as
-// the first opens see it (those cases need a fresh process: ctest runs each case in its own).
+// calibration, the setup file against the environment, the set-up as the first opens see it (a
+// fresh process each: ctest runs each case in its own), and forked workers that make it theirs.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
-#include "buffer.h"
 #include "env.h"
 #include "process_init.h"
-#include "test_support.h"
+#include "trace_fixture.h"
 
 namespace {
 
 using quarry_test::base_dir;
 using quarry_test::file_exists;
+using quarry_test::read_file;
+using quarry_test::read_trace;
 using quarry_test::write_file;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
@@ -247,7 +251,7 @@ TEST_F(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
   EXPECT_EQ(0, open("b"));
   EXPECT_EQ("PROCESS_PID " + std::to_string(getpid()) + "\nDUMP_SIGNAL " +
                 std::to_string(SIGRTMAX - 2) + "\n",
-            quarry_test::read_file(info));
+            read_file(info));
   EXPECT_EQ(getpid(), quarry_get_process_id());
   ASSERT_EQ(0, unlink(info.c_str()));
   ASSERT_EQ(0, open("c"));
@@ -269,6 +273,87 @@ TEST_F(FirstOpens, BaseDirectoryThroughARegularFileFailsOnlyTheInfoFile) {
   std::string derived = program_invocation_name;
   for (char& c : derived) c = c == '/' ? '_' : c;
   EXPECT_EQ(derived, process_name);
+}
+
+// The argument of every one-integer record ("d": five words, the value last), in ring order.
+std::vector<uint32_t> values_of(const quarry_test::trace_file& file) {
+  std::vector<uint32_t> values, words = file.data();
+  for (size_t i = 4; i < words.size(); i += 5) values.push_back(words[i]);
+  return values;
+}
+
+// Each worker traces, dumps while the file size limit cuts its info file short (the next open
+// writes it again), disables the handle, opens a buffer of its own, sets up live configuration
+// afresh (its own control file) and ends by exit (the exit dump) or by a crash.
+int worker(quarry_handle* h, bool crashes) {
+  for (uint32_t i = 0; i < 3; ++i) QUARRY_TRACE(h, 1, "d", 0xB0 + i);
+  struct rlimit limit;
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const struct rlimit tiny = {8, limit.rlim_max};
+  signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &tiny);
+  quarry_dump(h);
+  setrlimit(RLIMIT_FSIZE, &limit);
+  quarry_handle* own = nullptr;
+  quarry_set_enabled(h, false);
+  bool ok = quarry_open_internal(&own, "own", 4096, 1, "fork.dec", "t", nullptr) == 0 &&
+            quarry_set_current_thread_name("worker") == 0 && quarry_enable_configuration2(h) == 0;
+  if (!crashes) exit(ok ? 0 : 1);
+  const struct rlimit no_core = {0, 0};
+  setrlimit(RLIMIT_CORE, &no_core);
+  abort();
+}
+
+TEST(ForkTest, WorkersForkedWhileLocksAreHeldKeepTheirOwnFilesAndIdentity) {
+  quarry_set_process_name("prefork");
+  quarry_handle* h = nullptr;
+  ASSERT_EQ(0, quarry_open_internal(&h, "net", 4096, 4, "fork.dec", "t", nullptr));
+  // The set-up completes (its info file) now, so that a worker's info file is the fork's own.
+  ASSERT_EQ(0, quarry_global_init_once());
+  QUARRY_TRACE(h, 1, "d", 0xA0);
+  ASSERT_EQ(0, quarry_enable_configuration2(h));  // the parent's control file: TRACE net
+  ASSERT_EQ(0, quarry_dump(h));  // a worker's file landing here would replace this one
+  const std::string parent_pid = std::to_string(getpid()), parent = base_dir() + "prefork/net/";
+  // Holds the registry lock and the buffer's lock nearly all the time while the workers fork.
+  std::atomic<bool> stop{false};
+  std::thread holder([&] {
+    while (!stop.load()) {
+      pthread_mutex_lock(&circular_buffer_list_mutex);
+      pthread_mutex_lock(&h->cb->mutex);
+      usleep(200);
+      pthread_mutex_unlock(&h->cb->mutex);
+      pthread_mutex_unlock(&circular_buffer_list_mutex);
+      usleep(20);  // lets a waiting fork in
+    }
+  });
+  for (int w = 0; w < 4; ++w) {
+    const bool crashes = w == 3;
+    SCOPED_TRACE("worker " + std::to_string(w));
+    pid_t pid = 0;
+    int status = quarry_test::in_child([&] { return worker(h, crashes); }, &pid);
+    EXPECT_TRUE(crashes ? WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT
+                        : WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << status;
+    const std::string name = "prefork." + std::to_string(pid), dir = base_dir() + name + "/";
+    const quarry_test::trace_file file = read_trace(dir + "net/quarry_0.trc");
+    EXPECT_EQ(std::to_string(pid), file.value("QUARRY_PROCESS_ID"));
+    EXPECT_NE(std::string::npos,
+              file.header.find("PROG_NAME " + name + "\nPARENT_PID " + parent_pid + "\n"));
+    EXPECT_EQ(crashes ? "6" : "<missing SIGNAL>", file.value("SIGNAL"));
+    EXPECT_EQ((std::vector<uint32_t>{0xA0, 0xB0, 0xB1, 0xB2}), values_of(file));
+    EXPECT_EQ(std::to_string(pid), read_trace(dir + "own/quarry_0.trc").value("QUARRY_PROCESS_ID"));
+    EXPECT_NE(std::string::npos, read_file(dir + "net/quarry.ctrl").find("NOTRACE"));
+    EXPECT_EQ("PROCESS_PID " + std::to_string(pid) + "\nDUMP_SIGNAL " +
+                  std::to_string(SIGRTMAX - 2) + "\n",
+              read_file(dir + "quarry.info"));
+  }
+  stop = true;
+  holder.join();
+  const quarry_test::trace_file own = read_trace(parent + "quarry_0.trc");
+  EXPECT_EQ(parent_pid, own.value("QUARRY_PROCESS_ID"));
+  EXPECT_EQ(0u, own.items.count("PARENT_PID"));
+  EXPECT_EQ((std::vector<uint32_t>{0xA0}), values_of(own));
+  EXPECT_NE(std::string::npos, read_file(parent + "quarry.ctrl").find("\nTRACE net\n"));
 }
 
 }  // namespace
