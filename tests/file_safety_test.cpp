@@ -14,8 +14,6 @@
 namespace {
 
 using quarry_test::base_dir;
-using quarry_test::read_file;
-using quarry_test::write_file;
 
 constexpr char kVictimText[] = "MAX_SIZE 1048576\nPIPE buf\n";
 
@@ -33,7 +31,7 @@ struct Child {
     open();
     quarry_enable_configuration2(h);
     return load_ring(h->cb).size_words == 1024 && h->pipe.load() == 0 &&
-           read_file(proc + "buf/quarry.ctrl") == kVictimText;
+           quarry_test::read_file(proc + "buf/quarry.ctrl") == kVictimText;
   }
   bool nothing_piped() {
     int reader = ::open((proc + "buf/quarry.pipe").c_str(), O_RDONLY | O_NONBLOCK);
@@ -66,7 +64,7 @@ struct Child {
   }
   bool private_by_setup_file() {
     const std::string setup = proc.substr(0, proc.size() - 1) + ".setup";
-    write_file(setup, "QUARRY_FILE_MODE = private\n");
+    quarry_test::write_file(setup, "QUARRY_FILE_MODE = private\n");
     const char* const candidates[] = {setup.c_str(), nullptr};
     set_setup_file_candidates(candidates);
     return modes_are(0700, 0600, 0600);
@@ -109,7 +107,7 @@ TEST(FileSafety, PlantedFilesAndDirectoriesAreRefusedAndModesAreExact) {
     SCOPED_TRACE(attack.plant);
     const std::string name = "attack" + std::to_string(index++), proc = base_dir() + name + "/";
     const std::string victim = base_dir() + name + ".victim", output = base_dir() + name + ".err";
-    write_file(victim, kVictimText);
+    quarry_test::write_file(victim, kVictimText);
     std::string shell = "export P='" + base_dir() + name + "' VICTIM='" + victim +
                         "' && chmod 600 $VICTIM && chown 65534 $VICTIM";
     if (*attack.plant) shell += std::string(" && mkdir $P && cd $P && ") + attack.plant;
@@ -123,9 +121,10 @@ TEST(FileSafety, PlantedFilesAndDirectoriesAreRefusedAndModesAreExact) {
       Child child{proc};
       return (child.*attack.act)() ? 0 : 1;
     });
-    EXPECT_EQ(0, status) << read_file(output);
-    EXPECT_EQ(kVictimText, read_file(victim));
-    EXPECT_NE(std::string::npos, read_file(output).find(attack.message)) << read_file(output);
+    EXPECT_EQ(0, status) << quarry_test::read_file(output);
+    EXPECT_EQ(kVictimText, quarry_test::read_file(victim));
+    EXPECT_NE(std::string::npos, quarry_test::read_file(output).find(attack.message))
+        << quarry_test::read_file(output);
   }
 }
 

@@ -18,10 +18,8 @@
 namespace {
 
 using quarry_test::base_dir;
-using quarry_test::file_exists;
 using quarry_test::read_file;
 using quarry_test::read_trace;
-using quarry_test::write_file;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -178,7 +176,7 @@ TEST_F(SetupFile, GrammarAndItsTwoMessages) {
       {"X=" + std::string(1100, 'a') + "\n", "null", eq + std::string(79, 'a') + at},
   };
   for (const auto& c : cases) {
-    write_file(first_, c.content);
+    quarry_test::write_file(first_, c.content);
     EXPECT_EQ(c.expected, read_env()) << c.content;
     EXPECT_EQ(c.message, err_) << c.content;
     EXPECT_EQ(first_, *setup_file_in_use);
@@ -190,10 +188,10 @@ TEST_F(SetupFile, GrammarAndItsTwoMessages) {
 }
 
 TEST_F(SetupFile, CandidatesAreTriedInOrderAndTheEnvironmentWins) {
-  write_file(second_, "QUARRY_DEC_PATH=/second\n");
+  quarry_test::write_file(second_, "QUARRY_DEC_PATH=/second\n");
   EXPECT_EQ(kPath + "/second/|0", read_env());
   EXPECT_EQ(second_, *setup_file_in_use);
-  write_file(first_, "QUARRY_PATH=/first\nQUARRY_DEC_PATH=/file/\nQUARRY_PERSIST=1\n");
+  quarry_test::write_file(first_, "QUARRY_PATH=/first\nQUARRY_DEC_PATH=/file/\nQUARRY_PERSIST=1\n");
   EXPECT_EQ("/first/|/file/|1", read_env());  // the second file is not read at all
   EXPECT_EQ(first_, *setup_file_in_use);
   setenv("QUARRY_PATH", "/env/", 1);
@@ -204,7 +202,7 @@ TEST_F(SetupFile, CandidatesAreTriedInOrderAndTheEnvironmentWins) {
   setenv("QUARRY_DEC_PATH", "/dec", 1);
   setenv("QUARRY_PERSIST", "", 1);
   EXPECT_EQ("/first/|/dec/|1", read_env());
-  write_file(first_, "QUARRY_PERSIST=0\n");
+  quarry_test::write_file(first_, "QUARRY_PERSIST=0\n");
   setenv("QUARRY_PERSIST", "1", 1);
   EXPECT_EQ(kPath + "/dec/|1", read_env());
 }
@@ -225,7 +223,7 @@ TEST(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
   if (init_done != 0 || process_env != nullptr) GTEST_SKIP() << "needs a fresh process";
   quarry_set_process_name("svc one");
   const std::string setup = quarry_test::make_dir("setup") + "quarry.setup";
-  write_file(setup, "QUARRY_PATH=/elsewhere\nbad line\n");
+  quarry_test::write_file(setup, "QUARRY_PATH=/elsewhere\nbad line\n");
   const char* candidates[] = {setup.c_str(), nullptr};
   set_setup_file_candidates(candidates);
   CaptureStderr();
@@ -235,7 +233,7 @@ TEST(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
   // The environment's path; the process directory came after the info file's first try.
   EXPECT_EQ(base_dir(), quarry_env_get_quarry_path(process_env));
   const std::string info = base_dir() + "svc_one/quarry.info";
-  EXPECT_FALSE(file_exists(info));
+  EXPECT_FALSE(quarry_test::file_exists(info));
   EXPECT_EQ(0, open_buffer("b"));
   EXPECT_EQ("PROCESS_PID " + std::to_string(getpid()) + "\nDUMP_SIGNAL " +
                 std::to_string(SIGRTMAX - 2) + "\n",
@@ -243,13 +241,13 @@ TEST(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
   EXPECT_EQ(getpid(), quarry_get_process_id());
   ASSERT_EQ(0, unlink(info.c_str()));
   ASSERT_EQ(0, open_buffer("c"));
-  EXPECT_FALSE(file_exists(info));
+  EXPECT_FALSE(quarry_test::file_exists(info));
 }
 
 TEST(FirstOpens, BaseDirectoryThroughARegularFileFailsOnlyTheInfoFile) {
   if (init_done != 0 || process_env != nullptr) GTEST_SKIP() << "needs a fresh process";
   const std::string file = base_dir() + "plain";
-  write_file(file, "x");
+  quarry_test::write_file(file, "x");
   setenv("QUARRY_PATH", (file + "/x").c_str(), 1);
   CaptureStderr();
   EXPECT_EQ(-3, quarry_global_init_once());
