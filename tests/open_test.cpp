@@ -39,8 +39,7 @@ class Open : public ::testing::Test {
     EXPECT_EQ(0, open(name, 4096, count, parent, decode, tag)) << name << ": " << err_;
     return h_;
   }
-  // An open that must fail with this result and message, leaving the handle null and the
-  // registry without the name.
+  // An open that must fail so, leaving the handle null and the registry without the name.
   void must_fail(const char* name, quarry_handle* parent, int result, const std::string& message) {
     EXPECT_EQ(result, open(name, 4096, 1, parent)) << name;
     EXPECT_EQ(message, err_);

@@ -33,11 +33,12 @@ TEST(Identity, ProcessAndThreadNamesAndTheirDeprecatedSpellings) {
     return "THREAD " + name + " " + std::to_string(static_cast<int32_t>(thread)) + "\n";
   };
   // Only the deprecated spellings warn; the old thread call still names the caller, not the
-  // thread it was given.
+  // thread it was given. A long thread name is cut.
   pthread_t main_thread = pthread_self(), worker_thread{};
+  const std::string long_name(80, 'n');
   CaptureStderr();
   quarry_set_process_prefix("old style");
-  EXPECT_EQ(0, quarry_set_current_thread_name("a"));
+  EXPECT_EQ(0, quarry_set_current_thread_name(long_name.c_str()));
   std::thread([&] {
     worker_thread = pthread_self();
     EXPECT_EQ(0, quarry_set_thread_name(main_thread, "w"));
@@ -49,18 +50,15 @@ TEST(Identity, ProcessAndThreadNamesAndTheirDeprecatedSpellings) {
       "quarry_set_current_thread_name() instead.\n",
       GetCapturedStderr());
   EXPECT_STREQ("old_style", name);
-  const std::string long_name(80, 'n');
-  EXPECT_EQ(0, quarry_set_current_thread_name(long_name.c_str()));
   std::vector<std::string> added;
   for (thread_name_entry* e = thread_name_list.load(); e != nullptr; e = e->next.load())
     added.push_back(e->text);
-  EXPECT_EQ((std::vector<std::string>{line("a", main_thread), line("w", worker_thread),
-                                      line(long_name, main_thread).substr(0, 63)}),
+  EXPECT_EQ((std::vector<std::string>{line(long_name, main_thread).substr(0, 63),
+                                      line("w", worker_thread)}),
             added);
 }
 
-// A clock that advances by step_for(n) nanoseconds after its n-th reading, from just below a
-// second boundary so that steps cross seconds; reading number fail_at fails.
+// A clock that advances by step_for(n) ns after its n-th reading (reading fail_at fails).
 int64_t (*step_for)(int n);
 int64_t now_ns;
 int reads, fail_at;
@@ -100,7 +98,7 @@ TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
   };
   for (const auto& c : cases) {
     step_for = c.steps;
-    now_ns = 999999000;
+    now_ns = 999999000;  // just below a second: the steps cross seconds
     reads = 0;
     fail_at = c.fail_at;
     ts_idx_mask.store(kUntouched);
@@ -161,12 +159,10 @@ TEST_F(SetupFile, GrammarAndItsTwoMessages) {
       {"QUARRY_DEC_PATH=/one\nQUARRY_DEC_PATH=/two\n", kPath + "/two/|0", ""},
       {"quarry_path=/x\nOTHER_NAME=1\n=anonymous\n", kPath + kDec, ""},
       {"QUARRY_PATH=" + std::string(600, 'v') + "\n", std::string(511, 'v') + "/|" + kDec, ""},
-      // Persistence is on for "1" alone.
       {"QUARRY_PERSIST=1\n", kPath + "/usr/local/etc/quarry/|1", ""},
       {"QUARRY_PERSIST=yes\n", kPath + kDec, ""},
       // 1023 characters are read at a time: the rest of a long comment is a line of its own.
       {"#" + std::string(1022, 'x') + "QUARRY_PATH=/tail\n", "/tail/|" + kDec, ""},
-      // Malformed lines yield no record and name the variable.
       {"  # only column one starts a comment\n", "null", eq + at},
       {"QUARRY_PATH=/ok\nQUARRY_PATH /a\n", "null", eq + "QUARRY_PATH" + at},
       {"MY-VAR=1\n", "null", eq + "MY" + at},
@@ -268,9 +264,9 @@ std::vector<uint32_t> values_of(const quarry_test::trace_file& file) {
   return values;
 }
 
-// Each worker traces, dumps while the file size limit cuts its info file short (the next open
-// writes it again), disables the handle, opens a buffer of its own, sets up live configuration
-// afresh (its own control file) and ends by exit (the exit dump) or by a crash.
+// Each worker traces, dumps while a file size limit cuts its info file short (the next open
+// writes it again), disables the handle, opens a buffer and sets up live configuration of its
+// own, and ends by exit (the exit dump) or by a crash.
 int worker(quarry_handle* h, bool crashes) {
   for (uint32_t i = 0; i < 3; ++i) QUARRY_TRACE(h, 1, "d", 0xB0 + i);
   struct rlimit limit;
