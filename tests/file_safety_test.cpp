@@ -36,8 +36,7 @@ struct Child {
   bool nothing_piped() {
     int reader = ::open((proc + "buf/quarry.pipe").c_str(), O_RDONLY | O_NONBLOCK);
     char bytes[64];
-    while (read(reader, bytes, sizeof bytes) > 0) {
-    }
+    while (read(reader, bytes, sizeof bytes) > 0) continue;  // what the path held before
     open();
     h->pipe.store(1);
     QUARRY_TRACE(h, 0, "d", 7);

@@ -59,10 +59,10 @@ TEST(Identity, ProcessAndThreadNamesAndTheirDeprecatedSpellings) {
 }
 
 // A clock that advances by step_for(n) ns after its n-th reading (reading fail_at fails).
-int64_t (*step_for)(int n);
+int (*step_for)(int n);
 int64_t now_ns;
 int reads, fail_at;
-constexpr uint32_t kUntouched = 0x77;
+constexpr uint32_t kKept = 0x77;  // what calibration leaves alone keeps this value
 
 int scripted_clock(struct timespec* t) {
   if (reads == fail_at) return -1;
@@ -77,32 +77,31 @@ TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
       "quarry_mem_impl failed to compute minimal resolution within 2s. Assuming high "
       "resolution\n";
   const struct {
-    int64_t (*steps)(int);
+    int (*steps)(int);
     int fail_at;
     std::string message;
     uint64_t res, mask;
     uint32_t index;
   } cases[] = {
       // A 4 ms clock whose readings repeat twice before each step: the repeats are not steps.
-      {[](int n) -> int64_t { return n % 3 == 2 ? 4000000 : 0; }, -1, "", 4000000, (1u << 21) - 1,
+      {[](int n) { return n % 3 == 2 ? 4000000 : 0; }, -1, "", 4000000, (1u << 21) - 1,
        (1u << 21) - 1 - 5},
-      {[](int) -> int64_t { return 99; }, -1, "", 1, 1, kUntouched},  // fine: counts as 1 ns
+      {[](int) { return 99; }, -1, "", 1, 1, kKept},  // fine: counts as 1 ns
       // Steps above 10 ms are preemptions, never the resolution: with only such steps the
       // time-out comes with nothing found; after some good steps it keeps the smallest one.
-      {[](int) -> int64_t { return 20000000; }, -1, timeout, UINT64_MAX, kUntouched, kUntouched},
-      {[](int n) -> int64_t { return n < 6 ? 5000000 : 20000000; }, -1, timeout, 5000000,
-       kUntouched, kUntouched},
+      {[](int) { return 20000000; }, -1, timeout, UINT64_MAX, kKept, kKept},
+      {[](int n) { return n < 6 ? 5000000 : 20000000; }, -1, timeout, 5000000, kKept, kKept},
       // A clock read that fails stops the calibration where it is.
-      {[](int) -> int64_t { return 3000000; }, 0, "", UINT64_MAX, kUntouched, kUntouched},
-      {[](int) -> int64_t { return 3000000; }, 7, "", 3000000, kUntouched, kUntouched},
+      {[](int) { return 3000000; }, 0, "", UINT64_MAX, kKept, kKept},
+      {[](int) { return 3000000; }, 7, "", 3000000, kKept, kKept},
   };
   for (const auto& c : cases) {
     step_for = c.steps;
     now_ns = 999999000;  // just below a second: the steps cross seconds
     reads = 0;
     fail_at = c.fail_at;
-    ts_idx_mask.store(kUntouched);
-    ts_index.store(kUntouched);
+    ts_idx_mask.store(kKept);
+    ts_index.store(kKept);
     set_calibration_clock(scripted_clock);
     CaptureStderr();
     calibrate_clock();

@@ -52,8 +52,7 @@ std::string make_dir(const std::string& name) {
 }
 
 bool file_exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
+  return access(path.c_str(), F_OK) == 0;
 }
 
 std::string read_file(const std::string& path) {
@@ -62,8 +61,7 @@ std::string read_file(const std::string& path) {
 }
 
 void write_file(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 std::vector<uint32_t> words_of(const std::string& bytes) {
