@@ -5,7 +5,6 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <thread>
 
 #include "open.h"

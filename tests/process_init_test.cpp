@@ -3,12 +3,10 @@
 // fresh process each: ctest runs each case in its own), and forked workers that make it theirs.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <thread>
 
 #include "env.h"
