@@ -83,9 +83,8 @@ TEST_F(Open, SizeIsClampedWithAMessageAndRaisedToAPowerOfTwo) {
 }
 
 TEST_F(Open, InvalidNamesAreRefusedBeforeAnythingIsBuilt) {
-  quarry_handle* const untouched = reinterpret_cast<quarry_handle*>(0x1);
   circular_buffer* head = circular_buffer_list.load();
-  h_ = untouched;
+  h_ = reinterpret_cast<quarry_handle*>(0x1);
   EXPECT_EQ(2, open(nullptr, 4096, 1));
   EXPECT_EQ("quarry_open(): Invalid NULL quarry handle name\n", err_);
   for (const char* bad : {"a b", "a\tb", "a/b", "a\nb", "a\rb", "/", " "}) {
@@ -93,7 +92,7 @@ TEST_F(Open, InvalidNamesAreRefusedBeforeAnythingIsBuilt) {
     EXPECT_EQ("quarry_open(): Invalid quarry handle name. Name must not contain spaces or '/'\n",
               err_);
   }
-  EXPECT_EQ(untouched, h_);
+  EXPECT_EQ(reinterpret_cast<quarry_handle*>(0x1), h_);  // untouched
   EXPECT_EQ(head, circular_buffer_list.load());
   // The parent's full name may hold '/': a grandchild is fine.
   quarry_handle* child = must_open("in", 1, must_open("nest", 1));

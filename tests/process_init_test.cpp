@@ -139,8 +139,7 @@ class SetupFile : public ::testing::Test {
   std::string err_;
 };
 
-const std::string kDec = "/usr/local/etc/quarry/|0";
-const std::string kPath = "/dev/shm/quarry/|";
+const std::string kDec = "/usr/local/etc/quarry/|0", kPath = "/dev/shm/quarry/|";
 
 TEST_F(SetupFile, GrammarAndItsTwoMessages) {
   const std::string eq = "Missing '=' after variable ", val = "Missing value for variable ";
