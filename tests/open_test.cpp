@@ -5,12 +5,8 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "buffer.h"
 #include "open.h"
 #include "ring.h"
 #include "test_support.h"
@@ -21,87 +17,82 @@ using Handles = std::vector<quarry_handle*>;
 
 Handles listed(circular_buffer* cb) {
   Handles handles;
-  for (handle_node* n = cb->handle_list.load(); n != nullptr; n = n->next.load()) {
+  for (handle_node* n = cb->handle_list.load(); n != nullptr; n = n->next.load())
     handles.push_back(n->handle);
-  }
   return handles;
 }
 
 class Open : public ::testing::Test {
  protected:
   void SetUp() override { quarry_set_process_name("open_test"); }
-  // Opens and returns the result; the handle goes to *h, standard error to err_.
-  int open(quarry_handle** h, const char* name, unsigned size, unsigned count,
-           quarry_handle* parent = nullptr, const char* decode = "d.dec", const char* tag = "7") {
+  // Opens into h_ and returns the result; standard error goes to err_.
+  int open(const char* name, unsigned size, unsigned count, quarry_handle* parent = nullptr,
+           const char* decode = "d.dec", const char* tag = "7") {
     testing::internal::CaptureStderr();
-    int result = quarry_open_internal(h, name, size, count, decode, tag, parent);
+    int result = quarry_open_internal(&h_, name, size, count, decode, tag, parent);
     err_ = testing::internal::GetCapturedStderr();
     return result;
   }
   quarry_handle* must_open(const char* name, unsigned count, quarry_handle* parent = nullptr,
-                           const char* decode = "d.dec") {
-    quarry_handle* h = nullptr;
-    EXPECT_EQ(0, open(&h, name, 4096, count, parent, decode)) << name << ": " << err_;
-    return h;
+                           const char* decode = "d.dec", const char* tag = "7") {
+    EXPECT_EQ(0, open(name, 4096, count, parent, decode, tag)) << name << ": " << err_;
+    return h_;
   }
-  // An open that must fail and leave the handle null: its result.
-  int must_fail(const char* name, unsigned count, quarry_handle* parent = nullptr,
-                const char* decode = "d.dec") {
-    quarry_handle* h = reinterpret_cast<quarry_handle*>(0x1);
-    int result = open(&h, name, 4096, count, parent, decode);
-    EXPECT_EQ(nullptr, h) << name;
-    return result;
+  // An open that must fail so, leaving the handle null and the registry without the name.
+  void must_fail(const char* name, quarry_handle* parent, int result, const std::string& message) {
+    EXPECT_EQ(result, open(name, 4096, 1, parent)) << name;
+    EXPECT_EQ(message, err_);
+    EXPECT_EQ(nullptr, h_) << name;
+    const std::string full = parent ? std::string(parent->name) + "/" + name : name;
+    EXPECT_EQ(nullptr, find_handle_by_name(full.c_str()));
   }
   static std::string dir(const std::string& name) {
     return quarry_test::base_dir() + "open_test/" + name + "/";
   }
+  quarry_handle* h_ = nullptr;
   std::string err_;
 };
 
-std::string size_message(const char* name, const char* requested, int adjusted) {
-  return std::string("quarry_open(): Process open_test: Buffer ") + name + ": Size " + requested +
-         " not in valid range [4096...4194304]. Adjusting to " + std::to_string(adjusted) + "\n";
-}
-
 TEST_F(Open, SizeIsClampedWithAMessageAndRaisedToAPowerOfTwo) {
+  // The size as the message shows it (none when it is in range) and the ring's words.
   const struct {
-    const char* name;
     unsigned size;
-    std::string message;
+    const char* shown;
     uint32_t words;
-  } cases[] = {
-      {"s100", 100, size_message("s100", "100", 4096), 1024},
-      {"s0", 0, size_message("s0", "0", 4096), 1024},
-      {"s5000", 5000, "", 2048},
-      {"smax", 4194304, "", 1048576},
-      {"sabove", 4194305, size_message("sabove", "4194305", 4194304), 1048576},
-      {"sall", 4294967295u, size_message("sall", "-1", 4194304), 1048576},
-  };
+  } cases[] = {{100, "100", 1024},
+               {0, "0", 1024},
+               {5000, nullptr, 2048},
+               {4194304, nullptr, 1048576},
+               {4194305, "4194305", 1048576},
+               {4294967295u, "-1", 1048576}};
   for (const auto& c : cases) {
-    quarry_handle* h = nullptr;
-    ASSERT_EQ(0, open(&h, c.name, c.size, 1));
-    EXPECT_EQ(c.message, err_) << c.name;
-    EXPECT_EQ(c.words, load_ring(h->cb).size_words) << c.name;
+    const std::string name = "s" + std::to_string(c.size);
+    ASSERT_EQ(0, open(name.c_str(), c.size, 1));
+    EXPECT_EQ(c.shown == nullptr
+                  ? ""
+                  : "quarry_open(): Process open_test: Buffer " + name + ": Size " + c.shown +
+                        " not in valid range [4096...4194304]. Adjusting to " +
+                        std::to_string(c.words * 4) + "\n",
+              err_);
+    EXPECT_EQ(c.words, load_ring(h_->cb).size_words) << name;
   }
   // A child neither checks nor changes the size.
-  quarry_handle* child = nullptr;
-  ASSERT_EQ(0, open(&child, "c", 100, 1, must_open("sparent", 1)));
+  ASSERT_EQ(0, open("c", 100, 1, must_open("sparent", 1)));
   EXPECT_EQ("", err_);
-  EXPECT_EQ(1024u, load_ring(child->cb).size_words);
+  EXPECT_EQ(1024u, load_ring(h_->cb).size_words);
 }
 
 TEST_F(Open, InvalidNamesAreRefusedBeforeAnythingIsBuilt) {
-  quarry_handle* const untouched = reinterpret_cast<quarry_handle*>(0x1);
-  quarry_handle* h = untouched;
   circular_buffer* head = circular_buffer_list.load();
-  EXPECT_EQ(2, open(&h, nullptr, 4096, 1));
+  h_ = reinterpret_cast<quarry_handle*>(0x1);
+  EXPECT_EQ(2, open(nullptr, 4096, 1));
   EXPECT_EQ("quarry_open(): Invalid NULL quarry handle name\n", err_);
   for (const char* bad : {"a b", "a\tb", "a/b", "a\nb", "a\rb", "/", " "}) {
-    EXPECT_EQ(3, open(&h, bad, 4096, 1)) << bad;
+    EXPECT_EQ(3, open(bad, 4096, 1)) << bad;
     EXPECT_EQ("quarry_open(): Invalid quarry handle name. Name must not contain spaces or '/'\n",
               err_);
   }
-  EXPECT_EQ(untouched, h);
+  EXPECT_EQ(reinterpret_cast<quarry_handle*>(0x1), h_);  // untouched
   EXPECT_EQ(head, circular_buffer_list.load());
   // The parent's full name may hold '/': a grandchild is fine.
   quarry_handle* child = must_open("in", 1, must_open("nest", 1));
@@ -120,22 +111,19 @@ TEST_F(Open, NewBufferThenChildrenSharingItWithConsecutiveIds) {
   quarry_handle* empty = must_open("none", 0, app, "x.dec");
   quarry_handle* io = must_open("io", 5, app, "io.dec");
   EXPECT_EQ((Handles{app, empty, io}), listed(cb));
-  EXPECT_EQ(15u, cb->next_trace_point_id);
   EXPECT_STREQ("QUARRY_DECODE_REF app \"d.dec\" 0.9.7\n", app->decode_ref);
   EXPECT_STREQ("QUARRY_DECODE_REF app/none \"x.dec\" 10.9.7\n", empty->decode_ref);
   EXPECT_STREQ("QUARRY_DECODE_REF app/io \"io.dec\" 10.14.7\n", io->decode_ref);
   EXPECT_FALSE(quarry_test::file_exists(dir("io")));
   // The same full name with the same decode file is the same handle, whatever else differs.
-  quarry_handle* again = nullptr;
-  ASSERT_EQ(0, open(&again, "io", 8192, 99, app, "io.dec", "other"));
-  EXPECT_EQ(io, again);
-  EXPECT_EQ(15u, cb->next_trace_point_id);
+  ASSERT_EQ(0, open("io", 8192, 99, app, "io.dec", "other"));
+  EXPECT_EQ(io, h_);
   EXPECT_EQ(3u, cb->handle_count.load());
-  // A long decode file and tag: the reference line is allocated for exactly what it holds.
+  // A long decode file and tag: the reference line is allocated for exactly what it holds; its
+  // IDs also show that the repeated open took none.
   const std::string file(5000, 'f'), tag(300, 't');
-  quarry_handle* big = nullptr;
-  ASSERT_EQ(0, open(&big, "big", 4096, 1, app, file.c_str(), tag.c_str()));
-  EXPECT_EQ("QUARRY_DECODE_REF app/big \"" + file + "\" 15.15." + tag + "\n", big->decode_ref);
+  EXPECT_EQ("QUARRY_DECODE_REF app/big \"" + file + "\" 15.15." + tag + "\n",
+            must_open("big", 1, app, file.c_str(), tag.c_str())->decode_ref);
 }
 
 TEST_F(Open, OtherDecodeFileMakesATwinInTheSameBuffer) {
@@ -156,12 +144,9 @@ TEST_F(Open, FailuresLeaveTheRegistryAndTheBuffersAsTheyWere) {
   // Trace point IDs run out at exactly 65536; a count of 0 still fits after them.
   quarry_handle* big = must_open("big", 65000);
   EXPECT_EQ(65000u, must_open("rest", 536, big)->first_trace_point_id);
-  EXPECT_EQ(6, must_fail("over", 1, big));
-  EXPECT_EQ(
-      "quarry_open(): too many handles created on same buffer. Run out of dynamic "
-      "tracepoint IDs.\n",
-      err_);
-  EXPECT_EQ(nullptr, find_handle_by_name("big/over"));
+  must_fail("over", big, 6,
+            "quarry_open(): too many handles created on same buffer. Run out of dynamic "
+            "tracepoint IDs.\n");
   EXPECT_EQ(2u, big->cb->handle_count.load());
   EXPECT_STREQ("QUARRY_DECODE_REF big/zero \"d.dec\" 65536.65535.7\n",
                must_open("zero", 0, big)->decode_ref);
@@ -169,17 +154,14 @@ TEST_F(Open, FailuresLeaveTheRegistryAndTheBuffersAsTheyWere) {
   // A regular file where the buffer's directory goes.
   const std::string path = dir("blocked"), file = path.substr(0, path.size() - 1);
   quarry_test::write_file(file, "not a directory");
-  EXPECT_EQ(10, must_fail("blocked", 1));
-  EXPECT_EQ("QUARRY ERROR: " + path + " exists but it's not a directory\n" +
-                "quarry_open(): unable to create quarry directory " + path + "\n",
-            err_);
+  must_fail("blocked", nullptr, 10,
+            "QUARRY ERROR: " + path + " exists but it's not a directory\n" +
+                "quarry_open(): unable to create quarry directory " + path + "\n");
   EXPECT_EQ(big->cb, circular_buffer_list.load());
-  EXPECT_EQ(nullptr, find_handle_by_name("blocked"));
   ASSERT_EQ(0, unlink(file.c_str()));
   EXPECT_NE(nullptr, must_open("blocked", 1));
 
-  // A child of a buffer watched as live configuration leaves it, whose control file cannot
-  // come back: the watch cannot be re-added.
+  // A child of a watched buffer whose control file cannot come back: the watch is not re-added.
   quarry_handle* parent = must_open("watched", 1);
   circular_buffer* cb = parent->cb;
   quarry_test::write_file(cb->ctrl_file_name, "");
@@ -188,15 +170,12 @@ TEST_F(Open, FailuresLeaveTheRegistryAndTheBuffersAsTheyWere) {
   ASSERT_GE(cb->ctrl_watch, 0);
   ASSERT_EQ(0, unlink(cb->ctrl_file_name));
   ASSERT_EQ(0, rmdir(dir("watched").c_str()));
-  EXPECT_EQ(7, must_fail("lost", 1, parent));
-  EXPECT_EQ("quarry_open(): unable to re-add inotify watch for control file\n", err_);
+  must_fail("lost", parent, 7, "quarry_open(): unable to re-add inotify watch for control file\n");
   EXPECT_LT(cb->ctrl_watch, 0);
-  EXPECT_EQ(nullptr, find_handle_by_name("watched/lost"));
   EXPECT_EQ((Handles{parent}), listed(cb));
   EXPECT_EQ(1u, cb->handle_count.load());
   EXPECT_NE(nullptr, must_open("lost", 1, parent));
 }
-
 TEST_F(Open, ConcurrentOpensGiveOneHandlePerFullName) {
   constexpr int kThreads = 8;
   std::atomic<bool> go{false}, stop{false};
@@ -209,24 +188,22 @@ TEST_F(Open, ConcurrentOpensGiveOneHandlePerFullName) {
         const uint32_t count = cb->handle_count.load();
         const Handles handles = listed(cb);
         faults += handles.size() < count || cb->output_file_name == nullptr;
-        for (quarry_handle* h : handles) {
+        for (quarry_handle* h : handles)
           faults += h->cb != cb || strncmp(h->decode_ref, "QUARRY_DECODE_REF ", 18) != 0;
-        }
       }
     }
   });
+  // Each thread must get the registered handle of each name.
+  auto open_one = [](const std::string& name, quarry_handle* parent) {
+    quarry_handle* h = nullptr;
+    EXPECT_EQ(0, quarry_open_internal(&h, name.c_str(), 4096, 2, "d.dec", "0", parent));
+    EXPECT_EQ(h, find_handle_by_name(h->name));
+    return h;
+  };
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      while (!go.load()) {
-      }
-      // Each thread must get the registered handle of each name.
-      auto open_one = [&](const std::string& name, quarry_handle* parent) {
-        quarry_handle* h = nullptr;
-        EXPECT_EQ(0, quarry_open_internal(&h, name.c_str(), 4096, 2, "d.dec", "0", parent));
-        EXPECT_EQ(h, find_handle_by_name(h->name));
-        return h;
-      };
+      while (!go.load()) std::this_thread::yield();
       for (int round = 0; round < 5; ++round) {
         quarry_handle* shared = open_one("shared", nullptr);
         open_one("own" + std::to_string(t), nullptr);
@@ -239,8 +216,7 @@ TEST_F(Open, ConcurrentOpensGiveOneHandlePerFullName) {
   stop.store(true);
   reader.join();
   EXPECT_EQ(0, faults.load());
-  // Each buffer lists each of its handles once, with consecutive ID ranges, and its counts
-  // agree: shared, shared/kid0..2 and one own per thread.
+  // Per buffer: each handle once, consecutive ID ranges, agreeing counts; 4 shared, 1 own each.
   size_t buffers = 0, handles = 0;
   for (circular_buffer* cb = circular_buffer_list.load(); cb != before; cb = cb->next.load()) {
     ++buffers;

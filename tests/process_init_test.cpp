@@ -1,80 +1,66 @@
-// The process's identity (its name, the thread-name list, their deprecated spellings), clock
-// calibration against scripted clocks, and the once-per-process set-up as the first opens see
-// it. The set-up cases need a fresh process (ctest runs each case in its own).
+// The process's own state: its identity (name, thread-name list, deprecated spellings), clock
+// calibration, the setup file against the environment, the set-up as the first opens see it (a
+// fresh process each: ctest runs each case in its own), and forked workers that make it theirs.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
-#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "buffer.h"
 #include "env.h"
 #include "process_init.h"
-#include "test_support.h"
+#include "trace_fixture.h"
 
 namespace {
 
+using quarry_test::base_dir;
+using quarry_test::read_file;
+using quarry_test::read_trace;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
-std::string deprecated(const char* old_name, const char* new_name) {
-  return std::string("WARNING: deprecated ") + old_name + "() API invoked. Please, use " +
-         new_name + "() instead.\n";
-}
-
-TEST(ProcessName, SpacesBecomeUnderscoresLongNamesAreCutAndTheOldSpellingWarns) {
+TEST(Identity, ProcessAndThreadNamesAndTheirDeprecatedSpellings) {
   char* name = quarry_get_process_prefix();
   quarry_set_process_name("my daemon\t2");  // only spaces are replaced
   EXPECT_STREQ("my_daemon\t2", name);
   quarry_set_process_name(std::string(300, 'p').c_str());
   EXPECT_EQ(std::string(255, 'p'), name);
-  EXPECT_EQ(name, quarry_get_process_prefix());  // the array itself, never a copy
-  CaptureStderr();
-  quarry_set_process_prefix("old style");
-  EXPECT_EQ(deprecated("quarry_set_process_prefix", "quarry_set_process_name"),
-            GetCapturedStderr());
-  EXPECT_STREQ("old_style", name);
-}
-
-TEST(ThreadNames, EntriesFollowCallOrderAndNameTheCallingThread) {
   auto line = [](const std::string& name, pthread_t thread) {
     return "THREAD " + name + " " + std::to_string(static_cast<int32_t>(thread)) + "\n";
   };
-  CaptureStderr();
-  EXPECT_EQ(0, quarry_set_current_thread_name("a"));
-  EXPECT_EQ("", GetCapturedStderr());
-  // The deprecated spelling warns and still names the caller, not the thread it was given.
+  // Only the deprecated spellings warn; the old thread call still names the caller, not the
+  // thread it was given. A long thread name is cut.
   pthread_t main_thread = pthread_self(), worker_thread{};
-  std::string worker_err;
+  const std::string long_name(80, 'n');
+  CaptureStderr();
+  quarry_set_process_prefix("old style");
+  EXPECT_EQ(0, quarry_set_current_thread_name(long_name.c_str()));
   std::thread([&] {
     worker_thread = pthread_self();
-    CaptureStderr();
     EXPECT_EQ(0, quarry_set_thread_name(main_thread, "w"));
-    worker_err = GetCapturedStderr();
   }).join();
-  EXPECT_EQ(deprecated("quarry_set_thread_name", "quarry_set_current_thread_name"), worker_err);
-  const std::string long_name(80, 'n');
-  EXPECT_EQ(0, quarry_set_current_thread_name(long_name.c_str()));
+  EXPECT_EQ(
+      "WARNING: deprecated quarry_set_process_prefix() API invoked. Please, use "
+      "quarry_set_process_name() instead.\n"
+      "WARNING: deprecated quarry_set_thread_name() API invoked. Please, use "
+      "quarry_set_current_thread_name() instead.\n",
+      GetCapturedStderr());
+  EXPECT_STREQ("old_style", name);
   std::vector<std::string> added;
-  for (thread_name_entry* e = thread_name_list.load(); e != nullptr; e = e->next.load()) {
+  for (thread_name_entry* e = thread_name_list.load(); e != nullptr; e = e->next.load())
     added.push_back(e->text);
-  }
-  EXPECT_EQ((std::vector<std::string>{line("a", main_thread), line("w", worker_thread),
-                                      line(long_name, main_thread).substr(0, 63)}),
+  EXPECT_EQ((std::vector<std::string>{line(long_name, main_thread).substr(0, 63),
+                                      line("w", worker_thread)}),
             added);
 }
 
-// A clock that advances by step_for(n) nanoseconds after its n-th reading, from just below a
-// second boundary so that steps cross seconds; reading number fail_at fails.
-int64_t (*step_for)(int n);
+// A clock that advances by step_for(n) ns after its n-th reading (reading fail_at fails).
+int (*step_for)(int n);
 int64_t now_ns;
 int reads, fail_at;
-constexpr uint32_t kUntouched = 0x77;
+constexpr uint32_t kKept = 0x77;  // what calibration leaves alone keeps this value
 
 int scripted_clock(struct timespec* t) {
   if (reads == fail_at) return -1;
@@ -89,32 +75,31 @@ TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
       "quarry_mem_impl failed to compute minimal resolution within 2s. Assuming high "
       "resolution\n";
   const struct {
-    int64_t (*steps)(int);
+    int (*steps)(int);
     int fail_at;
     std::string message;
     uint64_t res, mask;
     uint32_t index;
   } cases[] = {
       // A 4 ms clock whose readings repeat twice before each step: the repeats are not steps.
-      {[](int n) -> int64_t { return n % 3 == 2 ? 4000000 : 0; }, -1, "", 4000000, (1u << 21) - 1,
+      {[](int n) { return n % 3 == 2 ? 4000000 : 0; }, -1, "", 4000000, (1u << 21) - 1,
        (1u << 21) - 1 - 5},
-      {[](int) -> int64_t { return 99; }, -1, "", 1, 1, kUntouched},  // fine: counts as 1 ns
+      {[](int) { return 99; }, -1, "", 1, 1, kKept},  // fine: counts as 1 ns
       // Steps above 10 ms are preemptions, never the resolution: with only such steps the
       // time-out comes with nothing found; after some good steps it keeps the smallest one.
-      {[](int) -> int64_t { return 20000000; }, -1, timeout, UINT64_MAX, kUntouched, kUntouched},
-      {[](int n) -> int64_t { return n < 6 ? 5000000 : 20000000; }, -1, timeout, 5000000,
-       kUntouched, kUntouched},
+      {[](int) { return 20000000; }, -1, timeout, UINT64_MAX, kKept, kKept},
+      {[](int n) { return n < 6 ? 5000000 : 20000000; }, -1, timeout, 5000000, kKept, kKept},
       // A clock read that fails stops the calibration where it is.
-      {[](int) -> int64_t { return 3000000; }, 0, "", UINT64_MAX, kUntouched, kUntouched},
-      {[](int) -> int64_t { return 3000000; }, 7, "", 3000000, kUntouched, kUntouched},
+      {[](int) { return 3000000; }, 0, "", UINT64_MAX, kKept, kKept},
+      {[](int) { return 3000000; }, 7, "", 3000000, kKept, kKept},
   };
   for (const auto& c : cases) {
     step_for = c.steps;
-    now_ns = 999999000;
+    now_ns = 999999000;  // just below a second: the steps cross seconds
     reads = 0;
     fail_at = c.fail_at;
-    ts_idx_mask.store(kUntouched);
-    ts_index.store(kUntouched);
+    ts_idx_mask.store(kKept);
+    ts_index.store(kKept);
     set_calibration_clock(scripted_clock);
     CaptureStderr();
     calibrate_clock();
@@ -126,58 +111,227 @@ TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
   }
 }
 
-class FirstOpens : public ::testing::Test {
+class SetupFile : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (init_done != 0 || process_env != nullptr) GTEST_SKIP() << "needs a fresh process";
+    set_setup_file_candidates(candidates_);
+    for (const char* name : {"QUARRY_PATH", "QUARRY_DEC_PATH", "QUARRY_PERSIST"}) unsetenv(name);
   }
-  static int open(const char* name) {
-    quarry_handle* h = nullptr;
-    return quarry_open_internal(&h, name, 4096, 1, "init.dec", "0", nullptr);
+  void TearDown() override {
+    set_setup_file_candidates(nullptr);
+    for (const char* name : {"QUARRY_PATH", "QUARRY_DEC_PATH"}) setenv(name, base_dir().c_str(), 1);
   }
+  // The record as "path|dec|persist", or "null"; standard error goes to err_.
+  std::string read_env(quarry_env* (*get)() = quarry_get_env) {
+    CaptureStderr();
+    quarry_env* env = get();
+    err_ = GetCapturedStderr();
+    if (env == nullptr) return "null";
+    std::string result = std::string(quarry_env_get_quarry_path(env)) + "|" +
+                         quarry_env_get_quarry_dec_path(env) + "|" + std::to_string(env->persist);
+    quarry_free_env(env);
+    return result;
+  }
+  const std::string dir_ =
+      quarry_test::make_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+  const std::string first_ = dir_ + "first.setup", second_ = dir_ + "second.setup";
+  const char* candidates_[3] = {first_.c_str(), second_.c_str(), nullptr};
+  std::string err_;
 };
 
-TEST_F(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
+const std::string kDec = "/usr/local/etc/quarry/|0", kPath = "/dev/shm/quarry/|";
+
+TEST_F(SetupFile, GrammarAndItsTwoMessages) {
+  const std::string eq = "Missing '=' after variable ", val = "Missing value for variable ";
+  const std::string at = " while parsing " + first_ + "\n";
+  const struct {
+    std::string content, expected, message;
+  } cases[] = {
+      {"", kPath + kDec, ""},
+      {"QUARRY_PATH=/a\nQUARRY_DEC_PATH=/d/\n", "/a/|/d/|0", ""},
+      {"  QUARRY_PATH \t=\t /a  more words\n", "/a/|" + kDec, ""},
+      {"# QUARRY_PATH=/not\n\n   \t \nQUARRY_PATH=/a", "/a/|" + kDec, ""},
+      {"QUARRY_PATH=/crlf\r\n", "/crlf/|" + kDec, ""},
+      {"QUARRY_DEC_PATH=/one\nQUARRY_DEC_PATH=/two\n", kPath + "/two/|0", ""},
+      {"quarry_path=/x\nOTHER_NAME=1\n=anonymous\n", kPath + kDec, ""},
+      {"QUARRY_PATH=" + std::string(600, 'v') + "\n", std::string(511, 'v') + "/|" + kDec, ""},
+      {"QUARRY_PERSIST=1\n", kPath + "/usr/local/etc/quarry/|1", ""},
+      {"QUARRY_PERSIST=yes\n", kPath + kDec, ""},
+      // 1023 characters are read at a time: the rest of a long comment is a line of its own.
+      {"#" + std::string(1022, 'x') + "QUARRY_PATH=/tail\n", "/tail/|" + kDec, ""},
+      {"  # only column one starts a comment\n", "null", eq + at},
+      {"QUARRY_PATH=/ok\nQUARRY_PATH /a\n", "null", eq + "QUARRY_PATH" + at},
+      {"MY-VAR=1\n", "null", eq + "MY" + at},
+      {std::string(600, 'N') + "=1\n", "null", eq + std::string(511, 'N') + at},
+      {"QUARRY_PATH=\n", "null", val + "QUARRY_PATH" + at},
+      {"QUARRY_DEC_PATH =  \t\r\n", "null", val + "QUARRY_DEC_PATH" + at},
+      {"X=" + std::string(1100, 'a') + "\n", "null", eq + std::string(79, 'a') + at},
+  };
+  for (const auto& c : cases) {
+    quarry_test::write_file(first_, c.content);
+    EXPECT_EQ(c.expected, read_env()) << c.content;
+    EXPECT_EQ(c.message, err_) << c.content;
+    EXPECT_EQ(first_, *setup_file_in_use);
+  }
+  // The initialisation's fallback: defaults and environment, the malformed file left alone.
+  setenv("QUARRY_PATH", "/env", 1);
+  EXPECT_EQ("/env/|" + kDec, read_env(quarry_env_from_defaults));
+  EXPECT_EQ("", err_);
+}
+
+TEST_F(SetupFile, CandidatesAreTriedInOrderAndTheEnvironmentWins) {
+  quarry_test::write_file(second_, "QUARRY_DEC_PATH=/second\n");
+  EXPECT_EQ(kPath + "/second/|0", read_env());
+  EXPECT_EQ(second_, *setup_file_in_use);
+  quarry_test::write_file(first_, "QUARRY_PATH=/first\nQUARRY_DEC_PATH=/file/\nQUARRY_PERSIST=1\n");
+  EXPECT_EQ("/first/|/file/|1", read_env());  // the second file is not read at all
+  EXPECT_EQ(first_, *setup_file_in_use);
+  setenv("QUARRY_PATH", "/env/", 1);
+  setenv("QUARRY_PERSIST", "0", 1);
+  EXPECT_EQ("/env/|/file/|0", read_env());
+  // An empty variable counts as not set; a value without the final '/' gets one.
+  setenv("QUARRY_PATH", "", 1);
+  setenv("QUARRY_DEC_PATH", "/dec", 1);
+  setenv("QUARRY_PERSIST", "", 1);
+  EXPECT_EQ("/first/|/dec/|1", read_env());
+  quarry_test::write_file(first_, "QUARRY_PERSIST=0\n");
+  setenv("QUARRY_PERSIST", "1", 1);
+  EXPECT_EQ(kPath + "/dec/|1", read_env());
+}
+
+TEST(DupDirPath, AnEmptyPathIsTheRootAndNothingBeforeItIsRead) {
+  // On the heap, so that a read before the first byte lands in a sanitizer's red zone.
+  std::vector<char> empty(1, '\0');
+  std::unique_ptr<char, void (*)(void*)> copy(dup_dir_path(empty.data()), free);
+  EXPECT_STREQ("/", copy.get());
+}
+
+int open_buffer(const char* name) {
+  quarry_handle* h = nullptr;
+  return quarry_open_internal(&h, name, 4096, 1, "init.dec", "0", nullptr);
+}
+
+TEST(FirstOpens, HostNameMalformedSetupFileAndAnInfoFileWrittenOnce) {
+  if (init_done != 0 || process_env != nullptr) GTEST_SKIP() << "needs a fresh process";
   quarry_set_process_name("svc one");
   const std::string setup = quarry_test::make_dir("setup") + "quarry.setup";
   quarry_test::write_file(setup, "QUARRY_PATH=/elsewhere\nbad line\n");
   const char* candidates[] = {setup.c_str(), nullptr};
   set_setup_file_candidates(candidates);
   CaptureStderr();
-  EXPECT_EQ(0, open("a"));
+  EXPECT_EQ(0, open_buffer("a"));
   EXPECT_EQ("Missing '=' after variable bad while parsing " + setup + "\n", GetCapturedStderr());
   set_setup_file_candidates(nullptr);
   // The environment's path; the process directory came after the info file's first try.
-  EXPECT_EQ(quarry_test::base_dir(), quarry_env_get_quarry_path(process_env));
-  const std::string info = quarry_test::base_dir() + "svc_one/quarry.info";
+  EXPECT_EQ(base_dir(), quarry_env_get_quarry_path(process_env));
+  const std::string info = base_dir() + "svc_one/quarry.info";
   EXPECT_FALSE(quarry_test::file_exists(info));
-  EXPECT_EQ(0, open("b"));
-  EXPECT_EQ(1, init_done);
-  EXPECT_TRUE(quarry_test::file_exists(quarry_test::base_dir() + "svc_one/a/"));
+  EXPECT_EQ(0, open_buffer("b"));
   EXPECT_EQ("PROCESS_PID " + std::to_string(getpid()) + "\nDUMP_SIGNAL " +
                 std::to_string(SIGRTMAX - 2) + "\n",
-            quarry_test::read_file(info));
+            read_file(info));
   EXPECT_EQ(getpid(), quarry_get_process_id());
   ASSERT_EQ(0, unlink(info.c_str()));
-  ASSERT_EQ(0, open("c"));
+  ASSERT_EQ(0, open_buffer("c"));
   EXPECT_FALSE(quarry_test::file_exists(info));
 }
 
-TEST_F(FirstOpens, BaseDirectoryThroughARegularFileFailsOnlyTheInfoFile) {
-  const std::string file = quarry_test::base_dir() + "plain";
+TEST(FirstOpens, BaseDirectoryThroughARegularFileFailsOnlyTheInfoFile) {
+  if (init_done != 0 || process_env != nullptr) GTEST_SKIP() << "needs a fresh process";
+  const std::string file = base_dir() + "plain";
   quarry_test::write_file(file, "x");
   setenv("QUARRY_PATH", (file + "/x").c_str(), 1);
   CaptureStderr();
   EXPECT_EQ(-3, quarry_global_init_once());
-  EXPECT_EQ(0, open("b"));
+  EXPECT_EQ(0, open_buffer("b"));
   EXPECT_EQ(-3, quarry_global_init_once());  // tried again on every call
   EXPECT_EQ("", GetCapturedStderr());
-  EXPECT_EQ(0, init_done);
   EXPECT_EQ(file + "/x/", quarry_env_get_quarry_path(process_env));
   // Without a name from the host, the program's path with '/' replaced names the process.
   std::string derived = program_invocation_name;
   for (char& c : derived) c = c == '/' ? '_' : c;
   EXPECT_EQ(derived, process_name);
+}
+
+// The argument of every one-integer record ("d": five words, the value last), in ring order.
+std::vector<uint32_t> values_of(const quarry_test::trace_file& file) {
+  std::vector<uint32_t> values, words = file.data();
+  for (size_t i = 4; i < words.size(); i += 5) values.push_back(words[i]);
+  return values;
+}
+
+// Each worker traces, dumps while a file size limit cuts its info file short (the next open
+// writes it again), disables the handle, opens a buffer and sets up live configuration of its
+// own, and ends by exit (the exit dump) or by a crash.
+int worker(quarry_handle* h, bool crashes) {
+  for (uint32_t i = 0; i < 3; ++i) QUARRY_TRACE(h, 1, "d", 0xB0 + i);
+  struct rlimit limit;
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const struct rlimit tiny = {8, limit.rlim_max};
+  signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &tiny);
+  quarry_dump(h);
+  setrlimit(RLIMIT_FSIZE, &limit);
+  quarry_handle* own = nullptr;
+  quarry_set_enabled(h, false);
+  bool ok = quarry_open_internal(&own, "own", 4096, 1, "fork.dec", "t", nullptr) == 0 &&
+            quarry_set_current_thread_name("worker") == 0 && quarry_enable_configuration2(h) == 0;
+  if (!crashes) exit(ok ? 0 : 1);
+  const struct rlimit no_core = {0, 0};
+  setrlimit(RLIMIT_CORE, &no_core);
+  abort();
+}
+
+TEST(ForkTest, WorkersForkedWhileLocksAreHeldKeepTheirOwnFilesAndIdentity) {
+  quarry_set_process_name("prefork");
+  quarry_handle* h = nullptr;
+  ASSERT_EQ(0, quarry_open_internal(&h, "net", 4096, 4, "fork.dec", "t", nullptr));
+  // The set-up completes (its info file) now, so that a worker's info file is the fork's own.
+  ASSERT_EQ(0, quarry_global_init_once());
+  QUARRY_TRACE(h, 1, "d", 0xA0);
+  ASSERT_EQ(0, quarry_enable_configuration2(h));  // the parent's control file: TRACE net
+  ASSERT_EQ(0, quarry_dump(h));  // a worker's file landing here would replace this one
+  const std::string parent_pid = std::to_string(getpid()), parent = base_dir() + "prefork/net/";
+  // Holds the registry lock and the buffer's lock nearly all the time while the workers fork.
+  std::atomic<bool> stop{false};
+  std::thread holder([&] {
+    while (!stop.load()) {
+      pthread_mutex_lock(&circular_buffer_list_mutex);
+      pthread_mutex_lock(&h->cb->mutex);
+      usleep(200);
+      pthread_mutex_unlock(&h->cb->mutex);
+      pthread_mutex_unlock(&circular_buffer_list_mutex);
+      usleep(20);  // lets a waiting fork in
+    }
+  });
+  for (int w = 0; w < 4; ++w) {
+    const bool crashes = w == 3;
+    SCOPED_TRACE("worker " + std::to_string(w));
+    pid_t pid = 0;
+    int status = quarry_test::in_child([&] { return worker(h, crashes); }, &pid);
+    EXPECT_TRUE(crashes ? WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT
+                        : WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << status;
+    const std::string name = "prefork." + std::to_string(pid), dir = base_dir() + name + "/";
+    const quarry_test::trace_file file = read_trace(dir + "net/quarry_0.trc");
+    EXPECT_EQ(std::to_string(pid), file.value("QUARRY_PROCESS_ID"));
+    EXPECT_NE(std::string::npos,
+              file.header.find("PROG_NAME " + name + "\nPARENT_PID " + parent_pid + "\n"));
+    EXPECT_EQ(crashes ? "6" : "<missing SIGNAL>", file.value("SIGNAL"));
+    EXPECT_EQ((std::vector<uint32_t>{0xA0, 0xB0, 0xB1, 0xB2}), values_of(file));
+    EXPECT_EQ(std::to_string(pid), read_trace(dir + "own/quarry_0.trc").value("QUARRY_PROCESS_ID"));
+    EXPECT_NE(std::string::npos, read_file(dir + "net/quarry.ctrl").find("NOTRACE"));
+    EXPECT_EQ("PROCESS_PID " + std::to_string(pid) + "\nDUMP_SIGNAL " +
+                  std::to_string(SIGRTMAX - 2) + "\n",
+              read_file(dir + "quarry.info"));
+  }
+  stop = true;
+  holder.join();
+  const quarry_test::trace_file own = read_trace(parent + "quarry_0.trc");
+  EXPECT_EQ(parent_pid, own.value("QUARRY_PROCESS_ID"));
+  EXPECT_EQ(0u, own.items.count("PARENT_PID"));
+  EXPECT_EQ((std::vector<uint32_t>{0xA0}), values_of(own));
+  EXPECT_NE(std::string::npos, read_file(parent + "quarry.ctrl").find("\nTRACE net\n"));
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 namespace quarry_test {
 namespace {
@@ -19,24 +19,19 @@ std::string g_base;
 pid_t g_base_owner;
 
 void remove_base_dir() {
-  // Forked children run this exit handler too; only the process that made the directory
-  // removes it.
+  // Forked children run this exit handler too: only the process that made the directory.
   if (g_base.empty() || getpid() != g_base_owner) return;
-  std::string command = "rm -rf '" + g_base + "'";
-  if (system(command.c_str()) != 0) return;
+  if (system(("rm -rf '" + g_base + "'").c_str()) != 0) return;
 }
 
-// Runs before main: the library reads QUARRY_PATH once, at the first open. The removal is
-// registered with atexit before any open can register the library's exit dump, so it runs after
-// that dump (atexit handlers run in reverse order).
+// Runs before main, as the library reads QUARRY_PATH at its first open; registered before any
+// open registers the library's exit dump, the removal runs after that dump.
 struct BaseDirSetup {
   BaseDirSetup() {
     const char* tmp = getenv("TMPDIR");
     std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/quarry-test-XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) abort();
-    g_base = std::string(buf.data()) + "/";
+    if (mkdtemp(pattern.data()) == nullptr) abort();
+    g_base = pattern + "/";
     g_base_owner = getpid();
     setenv("QUARRY_PATH", g_base.c_str(), 1);
     setenv("QUARRY_DEC_PATH", g_base.c_str(), 1);
@@ -57,20 +52,16 @@ std::string make_dir(const std::string& name) {
 }
 
 bool file_exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
+  return access(path.c_str(), F_OK) == 0;
 }
 
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void write_file(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 std::vector<uint32_t> words_of(const std::string& bytes) {

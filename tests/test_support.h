@@ -21,8 +21,7 @@ std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
 // The 32-bit words of a byte string (host order); the size must be a multiple of 4.
 std::vector<uint32_t> words_of(const std::string& bytes);
-// Runs body in a forked child that ends with _exit(body()) unless body exits itself; returns
-// the child's wait status, and its pid in *pid if given.
+// Runs body in a forked child ending in _exit(body()); returns its wait status (its pid in *pid).
 int in_child(const std::function<int()>& body, pid_t* pid = nullptr);
 
 }  // namespace quarry_test
