@@ -130,9 +130,8 @@ void host_handler(int signo, siginfo_t* info, void* context) {
   g_host_context = context;
 }
 
-// The host's action (SIGINT: 3 arguments, the library's own; SIGQUIT: 1; SIGTERM: ignored), kept
-// through an installation retried after failing at its last step, is taken after the dump; the
-// process lives on with the host's actions back.
+// The host's action (SIGINT: 3 arguments; SIGQUIT: 1; SIGTERM: ignored), kept through a retried
+// installation, is taken after the dump; the process lives on with the host's actions back.
 class PreviousActionTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
