@@ -113,17 +113,6 @@ std::string file_of(const circular_buffer* cb) {
   return std::string(cb->output_file_name) + "_0.trc";
 }
 
-// bounded_copy cuts, terminates and NUL-pads up to n - 1, never beyond; unknown errors have a text.
-TEST(SignalSafeText, BoundedCopyAndErrorText) {
-  char area[9];
-  memset(area, '#', sizeof area);
-  EXPECT_EQ(area, bounded_copy(area, "abc", 3));
-  EXPECT_EQ(std::string("ab\0#", 4), std::string(area, 4));
-  bounded_copy(area, "ab", 8);
-  EXPECT_EQ(std::string("ab\0\0\0\0\0\0#", 9), std::string(area, 9));
-  EXPECT_STREQ("Unknown error", sigsafe_strerror(100000));
-}
-
 class DumpTest : public LibraryStateTest {
  protected:
   void SetUp() override {
@@ -246,8 +235,16 @@ TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
   }
 }
 
-// The signal-safe open block equals the built one, extremes included, and is cut to a small area.
-TEST_F(DumpTest, SignalSafeOpenBlockMatchesBuiltOne) {
+// Signal-safe text: bounded_copy cuts, terminates and NUL-pads up to n - 1, never beyond; the
+// open block equals the built one, extremes included, and is cut to a small area.
+TEST_F(DumpTest, SignalSafeTextIsBoundedAndMatchesTheBuiltOpenBlock) {
+  char area[768];
+  memset(area, '#', sizeof area);
+  EXPECT_EQ(area, bounded_copy(area, "abc", 3));
+  EXPECT_EQ(std::string("ab\0#", 4), std::string(area, 4));
+  bounded_copy(area, "ab", 8);
+  EXPECT_EQ(std::string("ab\0\0\0\0\0\0#", 9), std::string(area, 9));
+  EXPECT_STREQ("Unknown error", sigsafe_strerror(100000));
   const struct {
     time_sample alpha;
     uint32_t node;
@@ -269,7 +266,6 @@ TEST_F(DumpTest, SignalSafeOpenBlockMatchesBuiltOne) {
     circular_buffer* cb = make_buffer(dir_);
     build_output_header(cb);
     const std::string built = cb->output_header;
-    char area[768];
     EXPECT_EQ(built, std::string(area, format_open_block(area, sizeof area))) << "pid " << s.pid;
 
     // Room for the first character of the program path only.
