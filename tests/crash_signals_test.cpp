@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "crash_signals.h"
+#include "live_test_support.h"
 #include "trace_fixture.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -32,13 +33,11 @@ namespace {
 using namespace quarry_test;
 
 // A failed check inside a child: the message reaches the parent on standard error.
-#define CHILD_CHECK(condition)                                                    \
-  do {                                                                            \
-    if (!(condition)) {                                                           \
-      fprintf(stderr, "child check failed at line %d: %s", __LINE__, #condition); \
-      _exit(100);                                                                 \
-    }                                                                             \
-  } while (0)
+[[noreturn]] void child_failed(int line, const char* condition) {
+  fprintf(stderr, "child check failed at line %d: %s", line, condition);
+  _exit(100);
+}
+#define CHILD_CHECK(condition) ((condition) ? void() : child_failed(__LINE__, #condition))
 
 std::string trace_path(const std::string& process, const std::string& buffer) {
   return base_dir() + process + "/" + buffer + "/quarry_0.trc";
@@ -49,17 +48,9 @@ quarry_handle* open_child_buffer(const char* process, const char* buffer = "buf"
   struct rlimit no_core = {0, 0};
   setrlimit(RLIMIT_CORE, &no_core);
   if (process != nullptr) quarry_set_process_name(process);
-  quarry_handle* h = nullptr;
-  CHILD_CHECK(quarry_open_internal(&h, buffer, 4096, 4, "crash.dec", "t", nullptr) == 0);
+  quarry_handle* h = open_handle(buffer);
   QUARRY_TRACE(h, 1, "d", 0x1234);
   return h;
-}
-
-// A buffer whose trace file cannot be opened: a dump fails part-way and changes errno.
-void open_unwritable_buffer() {
-  quarry_handle* h = nullptr;
-  CHILD_CHECK(quarry_open_internal(&h, "unwritable", 4096, 1, "u.dec", "u", nullptr) == 0);
-  CHILD_CHECK(make_unwritable(h->cb));
 }
 
 // The dump of open_child_buffer's buffer for signo: the reason and the one record.
@@ -104,6 +95,8 @@ void open_then_cause(int signo, const std::string& process) {
   }
 }
 
+constexpr int kCrashSignals[] = {SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGFPE, SIGSEGV, SIGTERM};
+
 class CrashSignalTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(CrashSignalTest, DumpsThenTakesTheUsualCourse) {
@@ -121,9 +114,7 @@ TEST_P(CrashSignalTest, DumpsThenTakesTheUsualCourse) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(EverySignal, CrashSignalTest,
-                         ::testing::Values(SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGFPE, SIGSEGV,
-                                           SIGTERM),
+INSTANTIATE_TEST_SUITE_P(EverySignal, CrashSignalTest, ::testing::ValuesIn(kCrashSignals),
                          signal_name);
 
 std::atomic<int> g_host_calls{0};
@@ -139,8 +130,8 @@ void host_handler(int signo, siginfo_t* info, void* context) {
   g_host_context = context;
 }
 
-// The host's action (SIGINT: 3 arguments, the library's own; SIGQUIT: 1; SIGTERM: ignored) is
-// taken after the dump; the process lives on with the host's actions back.
+// The host's action (SIGINT: 3 arguments; SIGQUIT: 1; SIGTERM: ignored), kept through a retried
+// installation, is taken after the dump; the process lives on with the host's actions back.
 class PreviousActionTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
@@ -155,8 +146,24 @@ TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
         if (signo == SIGQUIT) host.sa_handler = [](int s) { host_handler(s, nullptr, nullptr); };
         if (signo == SIGTERM) host.sa_handler = SIG_IGN;
         sigaction(signo, &host, nullptr);
-        open_child_buffer(process.c_str());
-        open_unwritable_buffer();  // its failing dump changes errno inside the handler
+        pthread_mutex_lock(&circular_buffer_list_mutex);
+        dump_signal = 0;  // not a signal: the last step of the installation fails
+        CHILD_CHECK(register_circular_buffer(make_buffer(make_dir(process + "_failed"))) == 1);
+        dump_signal = SIGRTMAX - 2;
+        pthread_mutex_unlock(&circular_buffer_list_mutex);
+        open_child_buffer(process.c_str());  // installs again
+        // A buffer whose dump fails part-way: errno changes inside the handler.
+        CHILD_CHECK(make_unwritable(open_handle("unwritable")->cb));
+        struct sigaction current;
+        for (int crash : kCrashSignals) {
+          sigaction(crash, nullptr, &current);
+          CHILD_CHECK(current.sa_sigaction == quarry_abort_handler);
+          CHILD_CHECK((current.sa_flags & (SA_SIGINFO | SA_RESTART | SA_RESETHAND | SA_NODEFER |
+                                           SA_ONSTACK)) == SA_SIGINFO);
+        }
+        sigaction(dump_signal, nullptr, &current);
+        CHILD_CHECK(current.sa_sigaction == dump_signal_handler);
+        CHILD_CHECK((current.sa_flags & SA_RESTART) == 0);
 
         errno = EDOM;
         raise(signo);
@@ -172,7 +179,6 @@ TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
         }
         CHILD_CHECK(read_trace(path).value("SIGNAL") == std::to_string(signo));
 
-        struct sigaction current;
         sigaction(signo, nullptr, &current);
         CHILD_CHECK(current.sa_handler == host.sa_handler);
         sigaction(SIGSEGV, nullptr, &current);
@@ -183,49 +189,15 @@ TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
         CHILD_CHECK(quarry_dump_all() == -1);
         _exit(0);
       },
-      ::testing::ExitedWithCode(0), "^$");
+      ::testing::ExitedWithCode(0), "^sigaction\\(0\\): Invalid argument\n$");
   const trace_file file = expect_dump_for(signo, process, "buf");
   EXPECT_EQ(file.value("QUARRY_PROCESS_ID"), file.value("SIGNALING_PID"));
+  const std::string failed = base_dir() + process + "_failed/quarry_0.trc";
+  EXPECT_EQ(std::to_string(signo), read_trace(failed).value("SIGNAL"));
 }
 
 INSTANTIATE_TEST_SUITE_P(ThreeKinds, PreviousActionTest,
                          ::testing::Values(SIGINT, SIGQUIT, SIGTERM), signal_name);
-
-// An installation failed at its last step is retried keeping the host's action as the previous
-// one (not the library's, which would recurse); the crash actions get SA_SIGINFO alone.
-TEST(Installation, RetryAfterFailureKeepsTheTrulyPreviousAction) {
-  const std::string dir = make_dir("retry");
-  EXPECT_EXIT(
-      {
-        struct sigaction host = {};
-        struct sigaction current;
-        host.sa_sigaction = host_handler;
-        host.sa_flags = SA_SIGINFO;
-        sigaction(SIGINT, &host, nullptr);
-        pthread_mutex_lock(&circular_buffer_list_mutex);
-        dump_signal = 0;  // not a signal: the last step of the installation fails
-        CHILD_CHECK(register_circular_buffer(make_buffer(dir + "a_")) == 1);
-        dump_signal = SIGRTMAX - 2;
-        CHILD_CHECK(register_circular_buffer(make_buffer(dir + "b_")) == 0);
-        pthread_mutex_unlock(&circular_buffer_list_mutex);
-        for (int signo : {SIGINT, SIGQUIT, SIGILL, SIGABRT, SIGFPE, SIGSEGV, SIGTERM}) {
-          sigaction(signo, nullptr, &current);
-          CHILD_CHECK(current.sa_sigaction == quarry_abort_handler);
-          CHILD_CHECK((current.sa_flags & (SA_SIGINFO | SA_RESTART | SA_RESETHAND | SA_NODEFER |
-                                           SA_ONSTACK)) == SA_SIGINFO);
-        }
-        sigaction(dump_signal, nullptr, &current);
-        CHILD_CHECK(current.sa_sigaction == dump_signal_handler);
-        CHILD_CHECK((current.sa_flags & SA_RESTART) == 0);
-
-        raise(SIGINT);
-        CHILD_CHECK(g_host_calls == 1);
-        _exit(0);
-      },
-      ::testing::ExitedWithCode(0), "^sigaction\\(0\\): Invalid argument\n$");
-  EXPECT_EQ("2", read_trace(dir + "a_quarry_0.trc").value("SIGNAL"));
-  EXPECT_EQ("2", read_trace(dir + "b_quarry_0.trc").value("SIGNAL"));
-}
 
 // A fault inside the crash dump meets the default action: no second dump (which shows 11).
 TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
@@ -249,9 +221,8 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
 // Writers run during the dump signal: errno kept, every record completed before it intact.
 [[noreturn]] void run_writers_and_dump() {
   quarry_set_process_name("writers");
-  quarry_handle* h = nullptr;
-  CHILD_CHECK(quarry_open_internal(&h, "busy", 1 << 21, 3, "w.dec", "w", nullptr) == 0);
-  open_unwritable_buffer();
+  quarry_handle* h = open_handle("busy", 1 << 21);
+  CHILD_CHECK(make_unwritable(open_handle("unwritable")->cb));
   std::atomic<uint32_t> done[3] = {};
   std::vector<std::thread> writers;
   for (uint32_t tp = 0; tp < 3; ++tp) {
