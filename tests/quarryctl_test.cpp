@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,8 +17,7 @@
 
 namespace {
 
-using quarry_test::base_dir;
-using quarry_test::read_file;
+using namespace quarry_test;
 
 #ifdef QUARRYCTL_PATH
 struct Result {
@@ -25,21 +25,19 @@ struct Result {
   std::string out, err;
 };
 
-// Runs quarryctl on the test's base directory; closing its output after max_lines lines is how
-// a reader like head ends a stream.
+// Runs quarryctl on base_dir(); closing its output after max_lines lines is how a reader like
+// head ends a stream.
 Result quarryctl(const std::string& args, int max_lines = -1) {
-  const std::string err = base_dir() + "ctl.err";
   const bool decodes = args.compare(0, 4, "dump") == 0 || args.compare(0, 6, "stream") == 0;
   const std::string command = QUARRYCTL_PATH " --base " + base_dir() + " " + args +
-                              (decodes ? " -d " DECODE_DIR : "") + " 2>" + err;
+                              (decodes ? " -d " DECODE_DIR : "") + " 2>" + base_dir() + "ctl.err";
   FILE* out = popen(command.c_str(), "r");
-  Result r{-1, "", ""};
+  std::string text;
   char line[4096];
-  for (int n = 0; n != max_lines && fgets(line, sizeof line, out) != nullptr; ++n) r.out += line;
-  int status = pclose(out);
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  r.err = read_file(err);
-  return r;
+  for (int n = 0; n != max_lines && fgets(line, sizeof line, out) != nullptr; ++n) text += line;
+  const int status = pclose(out);
+  const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return {code, text, read_file(base_dir() + "ctl.err")};
 }
 
 // demo_host --live until the test ends; it has said its pid once it watches its control files.
@@ -61,17 +59,14 @@ struct LiveHost {
 };
 
 TEST(Quarryctl, CommandsAgainstALiveHost) {
-  // Run directly, the test finds the files of the last run: start from an empty directory.
-  ASSERT_EQ(system(("rm -rf " + base_dir() + "*").c_str()), 0);
   LiveHost host;
   ASSERT_TRUE(host.live);
   const std::string pid = std::to_string(host.pid);
-  auto fake_process = [](const std::string& name, const std::string& pid) {
-    quarry_test::write_file(quarry_test::make_dir(name) + "quarry.info",
-                            "PROCESS_PID " + pid + "\nDUMP_SIGNAL 62\n");
-  };
-  fake_process("ghost", "4194304");                // above any PID
-  fake_process("self", std::to_string(getpid()));  // alive; the dump signal would end the test
+  // ghost is above any PID; self is alive, and the dump signal would end the test.
+  for (auto [name, owner] : {std::pair<std::string, pid_t>{"ghost", 4194304}, {"self", getpid()}}) {
+    write_file(make_dir(name) + "quarry.info",
+               "PROCESS_PID " + std::to_string(owner) + "\nDUMP_SIGNAL 62\n");
+  }
   const std::string net_ctrl = base_dir() + "demo_host/net/quarry.ctrl";
   // 12 records span at least two of the host's ticks, each with two net/io records.
   const std::string stream = "stream demo_host net 'net/*' --format=json";
@@ -111,18 +106,17 @@ TEST(Quarryctl, CommandsAgainstALiveHost) {
   for (const Step& step : steps) {
     const std::string before = read_file(net_ctrl);
     const Result r = quarryctl(step.command, step.max_lines);
-    EXPECT_EQ(r.status, step.status) << step.command << ": " << r.err;
-    for (const std::string& text : step.shown) {
-      EXPECT_NE((r.status == 0 ? r.out : r.err).find(text), std::string::npos)
-          << step.command << ": " << r.out << r.err;
-    }
-    EXPECT_TRUE(step.hidden.empty() || r.out.find(step.hidden) == std::string::npos) << r.out;
     const std::string ctrl = read_file(net_ctrl);
-    EXPECT_TRUE(step.ctrl.empty() ? ctrl == before : ctrl.find(step.ctrl) != std::string::npos)
-        << step.command << ": " << ctrl;
+    SCOPED_TRACE(step.command + ": " + r.out + r.err + ctrl);
+    EXPECT_EQ(r.status, step.status);
+    for (const std::string& text : step.shown) {
+      EXPECT_NE((r.status == 0 ? r.out : r.err).find(text), std::string::npos) << text;
+    }
+    EXPECT_TRUE(step.hidden.empty() || r.out.find(step.hidden) == std::string::npos);
+    EXPECT_TRUE(step.ctrl.empty() ? ctrl == before : ctrl.find(step.ctrl) != std::string::npos);
     // No command leaves a handle piping, nor the pipe that a stream made.
-    EXPECT_EQ(ctrl.find("\nPIPE "), std::string::npos) << step.command << ": " << ctrl;
-    EXPECT_FALSE(quarry_test::file_exists(base_dir() + "demo_host/net/quarry.pipe"));
+    EXPECT_EQ(ctrl.find("\nPIPE "), std::string::npos);
+    EXPECT_FALSE(file_exists(base_dir() + "demo_host/net/quarry.pipe"));
   }
   // Without quarry.info the host is found through /proc.
   unlink((base_dir() + "demo_host/quarry.info").c_str());
@@ -146,7 +140,6 @@ TEST(ControlFile, ReadsLikeTheLibraryAndRoundTrips) {
   EXPECT_EQ(s.ignored.size(), 2u);  // NOTRAC, and TRACE without a value
   EXPECT_EQ(quarry_layout::library_atoi("-1"), -1);
   EXPECT_EQ(static_cast<uint32_t>(quarry_layout::library_atoi("4294971392")), 4096u);
-
   s.ignored.clear();
   s.dump = false;
   quarry_layout::ControlState back = parse_control(quarry_layout::format_control(s));
