@@ -46,7 +46,8 @@ foreach(adapter uv event sdevent glib)
       PRIVATE quarry_test_support GTest::gtest_main quarry::${adapter})
     target_include_directories(event_loop_${adapter}_test PRIVATE ${PROJECT_SOURCE_DIR}/kelp/include)
     string(TOUPPER ${adapter} loop_name)
-    target_compile_definitions(event_loop_${adapter}_test PRIVATE QUARRY_TEST_LOOP_${loop_name})
+    target_compile_definitions(event_loop_${adapter}_test PRIVATE QUARRY_TEST_LOOP_${loop_name}
+      QUARRY_TSAN_SUPPRESSIONS="${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp")
     gtest_discover_tests(event_loop_${adapter}_test TEST_PREFIX ${adapter}.
       DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120
       ENVIRONMENT "QUARRY_PATH=${QUARRY_TEST_PATH_ROOT}/event_loop_${adapter}_test/")
