@@ -36,8 +36,7 @@ std::string describe(const TracePoint& p) {
   return text;
 }
 
-// A placeholder's format beats the argument's, {} continues after the last placeholder with the
-// argument's own format, doubled braces are literal; trailing blanks and CR are dropped.
+// Placeholder formats beat argument formats, {} takes the next argument, {{ is literal.
 TEST(DecodeFile, DocumentedExampleParses) {
   const std::string text =
       "# net.dec: requests and replies of the net handle.\n"
@@ -110,8 +109,7 @@ TEST(DecodeFile, ErrorsNameFileAndLine) {
   EXPECT_EQ("ok", f.find(0)->name);
 }
 
-// Command-line directories first, QUARRY_DEC_PATH (the test's directory) last; each name is loaded
-// once, and a missing one is said once and is no error of the input.
+// Command-line directories, then QUARRY_DEC_PATH; each name loaded once, a missing one said once.
 TEST(DecodeFile, SearchPathAndCache) {
   const std::string base = quarry_test::base_dir();
   const std::string first = quarry_test::make_dir("first"),
@@ -188,11 +186,9 @@ TEST(DecodeHeader, EveryKeyIsRead) {
 TEST(DecodeHeader, CutThreadLines) {
   const std::string long_name(50, 'n');
   std::string cut = ("THREAD " + long_name + " -1234567890\n").substr(0, 63);
-  ASSERT_EQ('-', cut[58]);
   HeaderItems f;
   f.threads = {cut, "THREAD next 5\n", "THREAD exact63_" + std::string(40, 'x') + " 123456\n",
                "THREAD later 5\n", ("THREAD " + std::string(60, 'q') + " 77\n").substr(0, 63)};
-  ASSERT_EQ(63u, f.threads[2].size());  // 63 characters with its line end: not cut
   HeaderExtent extent;
   const std::string bytes = header_text(f) + "DATA";
   TraceHeader h = parse_all(bytes, &extent);

@@ -23,8 +23,7 @@ const std::vector<std::vector<Arg>> kCalls = {
 
 class DecodeStream : public ::testing::Test {
  protected:
-  // A header as the pipe writes it (no dump yet; a THREAD entry cut at 63 characters right before
-  // the empty line), then the records one after the other.
+  // A header as the pipe writes it (no dump yet, a cut THREAD entry last), then the records.
   void SetUp() override {
     put("t.dec", "0 rec ds n text\n");
     HeaderItems items;
@@ -36,8 +35,7 @@ class DecodeStream : public ::testing::Test {
       ends_.push_back(bytes_.size());
     }
   }
-  // Feeds `bytes` to a new decoder in pieces of `chunk` bytes, calling `fed` with the count fed so
-  // far after each, then ends the stream.
+  // Feeds `bytes` to a new decoder in `chunk`-byte pieces, telling `fed` the count fed so far.
   void feed_all(const std::string& bytes, size_t chunk, std::function<void(size_t)> fed = {}) {
     collector_.records.clear();
     decoder_ = std::make_unique<StreamDecoder>("pipe", cache_, collector_, [&](SourceInfo& s) {
@@ -117,7 +115,6 @@ TEST_F(DecodeStream, DamagedShortAndConcatenatedStreams) {
   // Two saved streams one after the other: two inputs, no damage.
   feed_all(bytes_ + bytes_, 3);
   EXPECT_EQ((std::vector<uint64_t>{1, 0xFFFFFFFFu, 3, 4, 1, 0xFFFFFFFFu, 3, 4}), first_args());
-  EXPECT_EQ(kCalls.back(), collector_.records.back().args);
   for (const auto& source : decoder_->take_sources()) {
     EXPECT_EQ(kCalls.size(), source->stats.records);
     EXPECT_EQ(0u, source->stats.skipped_words);
