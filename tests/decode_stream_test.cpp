@@ -84,17 +84,13 @@ TEST_F(DecodeStream, EveryChunkingGivesTheSameRecordsAsSoonAsTheyAreComplete) {
 TEST_F(DecodeStream, RawRecordsWaitForTheNextHeader) {
   HeaderItems items;
   items.refs = {"QUARRY_DECODE_REF app \"none.dec\" 0.9.1"};
+  items.dump_sec = 0;
   const std::string first = header_text(items) + word_bytes(encode(1, kT0, 1, {d(5)}));
-  const std::string second = word_bytes(encode(2, kT0 + 1, 1, {d(6), d(7)}));
-  StreamDecoder decoder("pipe", cache_, collector_);
-  decoder.feed(first.data(), first.size());
-  EXPECT_EQ(0u, collector_.records.size());
-  decoder.feed(second.data(), 4);
-  ASSERT_EQ(1u, collector_.records.size());
-  EXPECT_TRUE(collector_.records[0].raw);
-  decoder.feed(second.data() + 4, second.size() - 4);
-  decoder.finish();
+  feed_all(first + word_bytes(encode(2, kT0 + 1, 1, {d(6), d(7)})), 4, [&](size_t fed) {
+    EXPECT_EQ(fed > first.size() ? 1u : 0u, collector_.records.size()) << fed;
+  });
   ASSERT_EQ(2u, collector_.records.size());
+  EXPECT_TRUE(collector_.records[0].raw);
   EXPECT_EQ(2u, collector_.records[1].args.size());
 }
 
