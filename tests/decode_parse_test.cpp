@@ -36,8 +36,7 @@ std::string describe(const TracePoint& p) {
   return text;
 }
 
-// A placeholder's format beats the argument's, {} continues after the last placeholder with the
-// argument's own format, doubled braces are literal; trailing blanks and CR are dropped.
+// Placeholder formats beat argument formats, {} takes the next argument, {{ is literal.
 TEST(DecodeFile, DocumentedExampleParses) {
   const std::string text =
       "# net.dec: requests and replies of the net handle.\n"
@@ -110,8 +109,7 @@ TEST(DecodeFile, ErrorsNameFileAndLine) {
   EXPECT_EQ("ok", f.find(0)->name);
 }
 
-// Command-line directories first, QUARRY_DEC_PATH (the test's directory) last; each name is loaded
-// once, and a missing one is said once and is no error of the input.
+// Command-line directories, then QUARRY_DEC_PATH; each name loaded once, a missing one said once.
 TEST(DecodeFile, SearchPathAndCache) {
   const std::string base = quarry_test::base_dir();
   const std::string first = quarry_test::make_dir("first"),
@@ -188,11 +186,9 @@ TEST(DecodeHeader, EveryKeyIsRead) {
 TEST(DecodeHeader, CutThreadLines) {
   const std::string long_name(50, 'n');
   std::string cut = ("THREAD " + long_name + " -1234567890\n").substr(0, 63);
-  ASSERT_EQ('-', cut[58]);
   HeaderItems f;
   f.threads = {cut, "THREAD next 5\n", "THREAD exact63_" + std::string(40, 'x') + " 123456\n",
                "THREAD later 5\n", ("THREAD " + std::string(60, 'q') + " 77\n").substr(0, 63)};
-  ASSERT_EQ(63u, f.threads[2].size());  // 63 characters with its line end: not cut
   HeaderExtent extent;
   const std::string bytes = header_text(f) + "DATA";
   TraceHeader h = parse_all(bytes, &extent);
@@ -219,11 +215,11 @@ TEST(DecodeHeader, OddButReadableHeadersWarn) {
   f.threads = {"THREAD lone\x1f\x7f\n"};
   f.extra = "PROG_NAME again\n";
   TraceHeader h = parse_all(header_text(f));
-  ASSERT_EQ(3u, h.warnings.size());
-  EXPECT_NE(std::string::npos,
-            h.warnings[0].find("THREAD line without a thread ID: \"lone\\x1f\\x7f\""));
-  EXPECT_NE(std::string::npos, h.warnings[1].find("PROG_NAME appears again"));
-  EXPECT_NE(std::string::npos, h.warnings[2].find("1.3"));
+  EXPECT_EQ((std::vector<std::string>{
+                "header line 25: THREAD line without a thread ID: \"lone\\x1f\\x7f\"",
+                "header line 26: PROG_NAME appears again; the last value is used",
+                "format VERSION 1.3 is newer than 1.0; decoding as 1.0"}),
+            h.warnings);
   EXPECT_EQ("again", h.prog_name);
 
   // Without the open block (its header text could not be built) only monotonic time is known.
