@@ -17,8 +17,7 @@ using quarry_test::base_dir;
 
 constexpr char kVictimText[] = "MAX_SIZE 1048576\nPIPE buf\n";
 
-// The library's side, in the child: opens the buffer "buf" below the process directory proc and
-// uses it; each use tells whether the library behaved.
+// The library's side, in the child: opens the buffer "buf" and tells whether the library behaved.
 struct Child {
   std::string proc;
   quarry_handle* h = nullptr;
@@ -74,8 +73,7 @@ using C = Child;
 const char kNotApplied[] = "is not a regular file of this user or root; not applied";
 const char kNotOurs[] = "neither this user nor root";
 
-// Each plant runs in the shell in the process directory $P, with the other user's file $VICTIM;
-// without a plant the process directory is the library's own.
+// Shell run in the process directory $P next to another user's $VICTIM (none: $P is the library's).
 const struct {
   const char* plant;
   bool (Child::*act)();
@@ -117,13 +115,12 @@ TEST(FileSafety, PlantedFilesAndDirectoriesAreRefusedAndModesAreExact) {
       dup2(out, 1);
       dup2(out, 2);
       quarry_set_process_name(name.c_str());
-      Child child{proc};
-      return (child.*attack.act)() ? 0 : 1;
+      return (Child{proc}.*attack.act)() ? 0 : 1;
     });
-    EXPECT_EQ(0, status) << quarry_test::read_file(output);
+    const std::string out = quarry_test::read_file(output);
+    EXPECT_EQ(0, status) << out;
+    EXPECT_NE(std::string::npos, out.find(attack.message)) << out;
     EXPECT_EQ(kVictimText, quarry_test::read_file(victim));
-    EXPECT_NE(std::string::npos, quarry_test::read_file(output).find(attack.message))
-        << quarry_test::read_file(output);
   }
 }
 

@@ -24,8 +24,7 @@ void remove_base_dir() {
   if (system(("rm -rf '" + g_base + "'").c_str()) != 0) return;
 }
 
-// Runs before main, as the library reads QUARRY_PATH at its first open; registered before any
-// open registers the library's exit dump, the removal runs after that dump.
+// Runs before main and before any open registers the library's exit dump, so removal runs after it.
 struct BaseDirSetup {
   BaseDirSetup() {
     const char* tmp = getenv("TMPDIR");
