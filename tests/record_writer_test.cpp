@@ -26,10 +26,6 @@ struct call {
   std::vector<std::string> texts = std::vector<std::string>(40);
 };
 
-uint64_t text_arg(const char* text) {
-  return reinterpret_cast<uintptr_t>(text);
-}
-
 std::vector<uint32_t> ring_words(quarry_handle* h, uint32_t from, size_t count) {
   const ring_view ring = load_ring(h->cb);
   std::vector<uint32_t> out;
@@ -144,7 +140,7 @@ call random_call(uint32_t seed, bool huge = true) {
     if (code != 's') continue;
     text.resize(huge && rng() % 64 == 0 ? 5 * 4096 : rng() % 6 == 0 ? 40 + rng() % 30 : rng() % 14);
     for (char& ch : text) ch = rng() % 5 == 0 ? '\xff' : static_cast<char>('a' + rng() % 26);
-    arg = rng() % 8 == 0 ? 0 : text_arg(text.c_str());
+    arg = rng() % 8 == 0 ? 0 : reinterpret_cast<uintptr_t>(text.c_str());
   }
   return c;
 }
@@ -212,7 +208,7 @@ TEST(RecordEncoding, C11RecordsAndTheThreadWordOfEveryThread) {
       {""},
       {"dddd", {0xFFFFFFFFu, 65535, 0xFFFFFFFBu, 0xFF000000u}},
       {"DDd", {~0ull, 0x1FFFFFFFFull, 1}},
-      {"sdss", {text_arg("c11"), 7, text_arg("mutable"), 0}},
+      {"sdss", {reinterpret_cast<uintptr_t>("c11"), 7, reinterpret_cast<uintptr_t>("mutable"), 0}},
       {"dddddddD", {1, 2, 3, 4, 5, 6, 7, 8}},
   };
   auto write_cases = [&] {
