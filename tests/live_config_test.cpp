@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -169,6 +170,7 @@ TEST(EnableConfiguration, FailuresLeaveNothingBehindAndOneSetUpServesTheWholeBuf
       "quarry_enable_configuration(): hdl is NULL.\n"
       "quarry_enable_configuration2 failed with error 0xfffffffe\n",
       GetCapturedStderr());
+  mallopt(M_PERTURB, 0x55);  // no allocation starts zeroed: a missing terminator shows
   quarry_handle* owner = open_handle("setup");
   quarry_handle* child = open_handle("kid", 4096, owner);
   circular_buffer* cb = owner->cb;
