@@ -29,9 +29,8 @@ TEST(Hashtable, PlacesKeysByKnownAnswersAndRefusesNullTablesAndBadCounts) {
   EXPECT_EQ(bucket_of(7, "\xE9"), 1u);
   EXPECT_EQ(bucket_of(1000003, "abcdefghijklmnopq"), 354557u);
   EXPECT_EQ(bucket_of(1000003, shifted + 1), 579863u);
-  for (int count : {0, -1, INT_MIN, 268435456, INT_MAX}) {
+  for (int count : {0, -1, INT_MIN, 268435456, INT_MAX})
     EXPECT_EQ(_quarry_hashtable_create(count), nullptr) << count;
-  }
   void* previous = &previous;
   EXPECT_EQ(_quarry_hashtable_put(nullptr, "a", &previous, &previous), -1);
   EXPECT_EQ(previous, nullptr);
@@ -81,9 +80,8 @@ TEST(Hashtable, RandomOperationsMatchAMapModel) {
 
       // A walk yields every entry once, by bucket up and newest first, removing about a third.
       std::vector<std::tuple<uint32_t, uint64_t, const char*, void*>> expected, walked;
-      for (const auto& [text, e] : m) {
+      for (const auto& [text, e] : m)
         expected.emplace_back(hashtable_hash(table, e.key), ~e.age, e.key, e.value);
-      }
       std::sort(expected.begin(), expected.end());
       ASSERT_EQ(_quarry_hashtable_iterator_init(table, it), 0);
       EXPECT_EQ(_quarry_hashtable_iterator_remove(it), 0);  // nothing produced yet

@@ -1,7 +1,11 @@
-// The control file: the text written for a buffer and what reading it back changes; setting up
-// its watch, the failures, and what the event loop does with outside writes and own rewrites.
+// The control file and the pipe: the control text written and read back, its watch and what the
+// event loop does with outside writes and own rewrites; what a reader of "quarry.pipe" receives,
+// and how the library's end closes when the reader goes away or deletes the pipe.
+#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <malloc.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -15,6 +19,7 @@
 #include "kelp/kelp.h"
 #include "live_config.h"
 #include "live_test_support.h"
+#include "trace_file.h"
 
 // A failing MAX_SIZE needs an allocation that returns null under the sanitizers' allocators.
 extern "C" const char* __asan_default_options() {
@@ -30,8 +35,7 @@ using namespace quarry_test;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
-// Applies `text` as the buffer's control file; `capped` caps the address space a little above
-// its current use for the reading, so that a large MAX_SIZE cannot be had.
+// Applies `text` as the control file; `capped`: a large MAX_SIZE cannot be had meanwhile.
 int parse_text(quarry_handle* handle, const std::string& text, int dump, bool capped = false) {
   write_file(handle->cb->ctrl_file_name, text);
   struct rlimit previous;
@@ -112,13 +116,12 @@ TEST(ParseCtrlFile, TextsApplyInOrder) {
       {"DUMP on\nNOPIPE sw\nMAX_SIZE 1073741824\nNOPIPE sw/kid\n", 1, 1,
        "NOTRACE NOPIPE, TRACE PIPE", 8388608, 2},
   };
-  for (size_t i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
-    const auto& step = steps[i];
+  for (const auto& step : steps) {
     std::string text = step.text.empty() ? written(owner) : step.text;
-    EXPECT_EQ(step.result, parse_text(owner, text, step.allow_dump, step.result != 0)) << i;
-    EXPECT_EQ(step.switches, switches(owner) + ", " + switches(child)) << i;
-    EXPECT_EQ(step.size, size_bytes(owner)) << i;
-    EXPECT_EQ(step.dumps, dumps.count()) << i;
+    EXPECT_EQ(step.result, parse_text(owner, text, step.allow_dump, step.result != 0)) << text;
+    EXPECT_EQ(step.switches, switches(owner) + ", " + switches(child)) << text;
+    EXPECT_EQ(step.size, size_bytes(owner)) << text;
+    EXPECT_EQ(step.dumps, dumps.count()) << text;
   }
   EXPECT_TRUE(quarry_is_enabled(other));
   EXPECT_EQ(0u, written(owner).find("MAX_SIZE 8388608\n"));  // the real size
@@ -137,7 +140,6 @@ TEST(ParseCtrlFile, FileLoopCountAgainstRotatedFiles) {
       {"quarry_3.trc", 2000000000, "4", 4, 0},
       {"quarry_1.trc", 1000000000, "5", 5, 4},   // older: 3 stays the latest
       {"quarryx_7.trc", 2050000000, "5", 5, 4},  // not of the "quarry_" form: ignored
-      {"other_9.trc", 2050000000, "5", 5, 4},
       {"", 0, "9\nFILE_LOOP_COUNT many", 2, 0},  // a count that is no number gives 2
       {"", 0, "-3", -3, 1},  // a negative count: a remainder in [0, |count|), no trap
       {"quarry_12x.trc", 2060000000, "5", 5, 3},  // the index is the leading digits
@@ -168,6 +170,7 @@ TEST(EnableConfiguration, FailuresLeaveNothingBehindAndOneSetUpServesTheWholeBuf
       "quarry_enable_configuration(): hdl is NULL.\n"
       "quarry_enable_configuration2 failed with error 0xfffffffe\n",
       GetCapturedStderr());
+  mallopt(M_PERTURB, 0x55);  // no allocation starts zeroed: a missing terminator shows
   quarry_handle* owner = open_handle("setup");
   quarry_handle* child = open_handle("kid", 4096, owner);
   circular_buffer* cb = owner->cb;
@@ -212,18 +215,14 @@ TEST(ControlFileWatch, QueuedWritesApplyOnceAndOnlyTheWatchIsRead) {
   ASSERT_EQ(0, quarry_enable_configuration(handle, loop));
   const char* ctrl = handle->cb->ctrl_file_name;
   dump_counter dumps(buffer_dir(handle));
-  // A child's rewrite is not read back: one wake-up re-arms the watch, one clears the flag.
-  open_handle("first", 4096, handle);
-  EXPECT_EQ(1, kelp_run_once(loop, 10000));
-  EXPECT_EQ(1, kelp_run_once(loop, 0));
-  EXPECT_EQ(0, kelp_run_once(loop, 0));
-  // The flag's wake-up leaves an outside write made meanwhile for the turn after.
+  // A child's rewrite is not read back: its wake-up leaves an outside write for the next turn.
   quarry_handle* child = open_handle("child", 4096, handle);
   write_file(ctrl, "NOTRACE queued/child\n");
   EXPECT_EQ(1, kelp_run_once(loop, 10000));
   EXPECT_TRUE(quarry_is_enabled(child));
   EXPECT_EQ(1, kelp_run_once(loop, 0));
   EXPECT_FALSE(quarry_is_enabled(child));
+  EXPECT_EQ(0, kelp_run_once(loop, 0));
   quarry_set_enabled(child, true);
   ASSERT_EQ(0, chmod(ctrl, 0640));  // an attribute change alone re-reads the file
   EXPECT_TRUE(run_loop_until(loop, [&] { return !quarry_is_enabled(child); }));
@@ -243,6 +242,135 @@ TEST(ControlFileWatch, QueuedWritesApplyOnceAndOnlyTheWatchIsRead) {
   uint64_t value;
   EXPECT_EQ(8, read(host, &value, 8));
   close(host);
+}
+
+std::string pipe_path(const quarry_handle* handle) {
+  return buffer_dir(handle) + "quarry.pipe";
+}
+
+// A reader as an outside tool is one: it creates the named pipe and opens it for reading.
+int open_reader(const quarry_handle* handle) {
+  EXPECT_TRUE(mkfifo(pipe_path(handle).c_str(), 0666) == 0 || errno == EEXIST);
+  return open(pipe_path(handle).c_str(), O_RDONLY | O_NONBLOCK);
+}
+
+std::string drain(int reader) {
+  std::string data;
+  char chunk[4096];
+  for (ssize_t n; (n = read(reader, chunk, sizeof chunk)) > 0;) data.append(chunk, n);
+  return data;
+}
+
+// The header the pipe stream starts with, produced the same way into a regular file.
+std::string expected_header(circular_buffer* cb) {
+  std::string path = base_dir() + "header_copy";
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+  EXPECT_EQ(0, write_trace_header(cb, fd, path.c_str()));
+  close(fd);
+  return read_file(path);
+}
+
+// Writes one record and returns its words as the buffer holds them, across the ring's end.
+template <typename... Args>
+std::string trace(quarry_handle* handle, uint32_t point, const char* signature, Args... args) {
+  uint32_t start = handle->cb->word_count.load();
+  quarry_internal(handle, point, quarry_signature_fixed_words(signature),
+                  quarry_signature_flags(signature), signature, 0, args...);
+  ring_view ring = load_ring(handle->cb);
+  std::string bytes;
+  for (uint32_t at = start; at != handle->cb->word_count.load(); ++at) {
+    uint32_t word = ring.buffer[at % ring.size_words].load();
+    bytes.append(reinterpret_cast<const char*>(&word), 4);
+  }
+  return bytes;
+}
+
+// Whether this thread has SIGPIPE pending, or else blocked.
+bool sigpipe_in(bool pending) {
+  sigset_t set;
+  if (pending ? sigpending(&set) : pthread_sigmask(SIG_SETMASK, nullptr, &set)) return false;
+  return sigismember(&set, SIGPIPE) == 1;
+}
+
+TEST(PipeOutput, ReaderGetsHeaderThenOnlyPipedRecordsEachContiguous) {
+  quarry_handle* piped = open_handle("stream");
+  quarry_handle* quiet = open_handle("quiet", 4096, piped);
+  circular_buffer* cb = piped->cb;
+  piped->pipe.store(1);
+  // No pipe file yet, or one too full for the header: not used, the record stays in the buffer.
+  EXPECT_FALSE(trace(piped, 0, "d", 5).empty());
+  int reader = open_reader(piped);
+  int filler = open(pipe_path(piped).c_str(), O_WRONLY | O_NONBLOCK);
+  const std::string more_than_fits(1 << 20, 'f');
+  ASSERT_GT(write(filler, more_than_fits.data(), more_than_fits.size()), 0);
+  trace(piped, 0, "d", 6);
+  EXPECT_EQ(-1, cb->pipe_fd.load());
+  close(filler);
+  drain(reader);
+  // Without an event loop to watch for its deletion the pipe is used anyway.
+  CaptureStderr();
+  std::string first = trace(piped, 0, "d", 42);
+  EXPECT_EQ("QUARRY ERROR: Unable to attach pipe inotify fd to kelp\n", GetCapturedStderr());
+  std::string header = expected_header(cb);
+  trace(quiet, 1, "d", 43);
+  std::string second = trace(piped, 2, "dD", 7, static_cast<uint64_t>(0xFFFFFFFF00000001ull));
+  EXPECT_EQ(header + first + second, drain(reader));
+  // A record that crosses the end of the ring arrives contiguous.
+  const uint32_t size = load_ring(cb).size_words;
+  while (size - cb->word_count.load() % size >= 8) trace(quiet, 0, "d", 1);
+  std::string crossing = trace(piped, 0, "sd", "a string long enough to cross the end", 9);
+  EXPECT_EQ(crossing, drain(reader));
+  close(reader);
+  // Switched off, a handle writes nothing and its sibling stays on; dump-on-exit is per buffer.
+  quarry_set_enabled(piped, false);
+  EXPECT_TRUE(quarry_is_enabled(quiet));
+  EXPECT_EQ("", trace(piped, 0, "d", 1));
+  quarry_set_dump_on_exit(quiet, false);
+  EXPECT_FALSE(quarry_get_dump_on_exit(piped));
+}
+
+TEST(PipeOutput, ReaderLeavingOrDeletingThePipeClosesTheLibrarysEnd) {
+  signal(SIGPIPE, SIG_DFL);  // a stray SIGPIPE ends this test process
+  kelp_loop* loop = kelp_create();
+  quarry_handle* handle = open_handle("leaving");
+  circular_buffer* cb = handle->cb;
+  ASSERT_EQ(0, quarry_enable_configuration(handle, loop));
+  handle->pipe.store(1);
+  // Once the pipe is deleted (not on an attribute change) the loop closes the library's end.
+  int reader = open_reader(handle);
+  std::string stream = trace(handle, 2, "d", 3);
+  stream.insert(0, expected_header(cb));
+  ASSERT_EQ(0, chmod(pipe_path(handle).c_str(), 0600));
+  EXPECT_EQ(1, kelp_run_once(loop, 10000));
+  EXPECT_EQ(0, kelp_run_once(loop, 0));
+  ASSERT_EQ(0, unlink(pipe_path(handle).c_str()));
+  EXPECT_EQ(1, kelp_run_once(loop, 10000));
+  EXPECT_EQ(-1, cb->pipe_inotify_fd);
+  EXPECT_EQ(stream, drain(reader));
+  char byte;
+  EXPECT_EQ(0, read(reader, &byte, 1));
+  close(reader);
+  // A reader leaving closes the library's end; the host's SIGPIPE mask and pending set stay.
+  sigset_t sigpipe_only;
+  sigemptyset(&sigpipe_only);
+  sigaddset(&sigpipe_only, SIGPIPE);
+  for (int host : {0, 1, 2}) {  // SIGPIPE unblocked, blocked, blocked and pending
+    if (host == 1) pthread_sigmask(SIG_BLOCK, &sigpipe_only, nullptr);
+    reader = open_reader(handle);
+    trace(handle, 0, "d", 4);
+    ASSERT_NE(-1, cb->pipe_fd.load());
+    close(reader);
+    if (host == 2) raise(SIGPIPE);
+    EXPECT_FALSE(trace(handle, 1, "d", 5).empty());
+    EXPECT_EQ(-1, cb->pipe_fd.load());
+    EXPECT_EQ(host == 2, sigpipe_in(true));
+    EXPECT_EQ(host != 0, sigpipe_in(false));
+  }
+  struct timespec no_wait = {0, 0};
+  EXPECT_EQ(SIGPIPE, sigtimedwait(&sigpipe_only, nullptr, &no_wait));
+  ASSERT_EQ(0, pthread_sigmask(SIG_UNBLOCK, &sigpipe_only, nullptr));
+  EXPECT_EQ(SIG_DFL, signal(SIGPIPE, SIG_DFL));  // the process-wide action was never touched
+  kelp_destroy(loop);
 }
 
 }  // namespace
