@@ -230,7 +230,6 @@ void write_known(quarry_handle* h, uint32_t id, uint32_t seq) {
 // Records written during a growth may be copied half-written; every one written after is intact.
 TEST(RingGrowth, RoundsUpNeverShrinksAndRecordsWrittenAfterAreIntact) {
   quarry_handle* h = open_handle("grow");
-  ts_idx_mask.store(0);  // the records carry their sequence numbers as timestamps
   std::atomic<bool> growing{true};
   std::atomic<uint32_t> records{0};
   constexpr uint32_t kThreads = 4, kLate = 5000, kLastSize = 1048576;
