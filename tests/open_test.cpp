@@ -100,13 +100,11 @@ TEST_F(Open, InvalidNamesAreRefusedBeforeAnythingIsBuilt) {
 
 TEST_F(Open, NewBufferThenChildrenSharingItWithConsecutiveIds) {
   quarry_handle* app = must_open("app", 10);
-  circular_buffer* cb = app->cb;
-  EXPECT_EQ(dir("app") + "quarry", cb->output_file_name);
-  EXPECT_EQ(dir("app") + "quarry.ctrl", cb->ctrl_file_name);
-  EXPECT_TRUE(quarry_test::file_exists(dir("app")));
+  EXPECT_EQ(dir("app") + "quarry", app->cb->output_file_name);
+  EXPECT_EQ(dir("app") + "quarry.ctrl", app->cb->ctrl_file_name);
   quarry_handle* empty = must_open("none", 0, app, "x.dec");
   quarry_handle* io = must_open("io", 5, app, "io.dec");
-  EXPECT_EQ((Handles{app, empty, io}), listed(cb));
+  EXPECT_EQ((Handles{app, empty, io}), listed(app->cb));
   EXPECT_STREQ("QUARRY_DECODE_REF app \"d.dec\" 0.9.7\n", app->decode_ref);
   EXPECT_STREQ("QUARRY_DECODE_REF app/none \"x.dec\" 10.9.7\n", empty->decode_ref);
   EXPECT_STREQ("QUARRY_DECODE_REF app/io \"io.dec\" 10.14.7\n", io->decode_ref);
