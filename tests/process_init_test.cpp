@@ -84,8 +84,7 @@ TEST(Calibration, ResolutionIndexMaskAndTimeOut) {
     int (*steps)(int);
     int fail_at;
     std::string message;
-    uint64_t res, mask;
-    uint32_t index;
+    uint64_t res, mask, index;
   } cases[] = {
       // A 4 ms clock whose readings repeat twice before each step: the repeats are not steps.
       {[](int n) { return n % 3 == 2 ? 4000000 : 0; }, -1, "", 4000000, (1u << 21) - 1,
@@ -174,7 +173,6 @@ TEST_F(SetupFile, GrammarAndItsTwoMessages) {
     quarry_test::write_file(first_, c.content);
     EXPECT_EQ(c.expected, read_env()) << c.content;
     EXPECT_EQ(c.message, err_) << c.content;
-    EXPECT_EQ(first_, *setup_file_in_use);
   }
 }
 
