@@ -49,7 +49,6 @@ extern "C" ssize_t __wrap_write(int fd, const void* buf, size_t count) {
   return __real_write(fd, buf, count);
 }
 
-// Defines `name` to note the call (as `noted`) and forward it to `real`.
 #define QUARRY_FORWARD(result, name, real, noted, parameters, arguments) \
   extern "C" result real parameters;                                     \
   extern "C" result name parameters {                                    \
@@ -147,15 +146,16 @@ TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
   set_words(cb, words_);
   node_id = 1;
   process_id = 1;
-  auto expect_header = [&](const std::string& text) {
+  auto expect_header = [&](const std::string& tail) {
     EXPECT_EQ(0, dump_circular_buffer(cb));
     const trace_file file = read_trace(file_of(cb));
+    const std::string text = kOpenBlock + tail;
     EXPECT_EQ(text + std::string((4 - text.size() % 4) % 4, ' '), file.header + file.fill);
   };
-  expect_header(std::string(kOpenBlock) +
-                "CREATION_TIME 0\nWRAPAROUND_TIME 0\nWRAPAROUND_COUNT 0\nENTRY_COUNT 0\n"
-                "BUFFER_SIZE 400\nWORD_COUNT 0\nMIN_WRAPAROUND_TIME ffffffffffffffff\n"
-                "MAX_WRAPAROUND_TIME 0\n\n");
+  expect_header(
+      "CREATION_TIME 0\nWRAPAROUND_TIME 0\nWRAPAROUND_COUNT 0\nENTRY_COUNT 0\n"
+      "BUFFER_SIZE 400\nWORD_COUNT 0\nMIN_WRAPAROUND_TIME ffffffffffffffff\n"
+      "MAX_WRAPAROUND_TIME 0\n\n");
 
   strcpy(process_name, "tracer");
   cb->creation_time = 0x123456789aull;
@@ -176,13 +176,13 @@ TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
   crash_signal = 15;
   g_writes = 0;
   g_fail_at = -1;  // counts the writes: 10, or 11 with a fill
-  expect_header(std::string(kOpenBlock) +
-                "CREATION_TIME 123456789a\nWRAPAROUND_TIME abc\nWRAPAROUND_COUNT 3\n"
-                "ENTRY_COUNT 10\nBUFFER_SIZE 400\nWORD_COUNT 1005\nMIN_WRAPAROUND_TIME 10\n"
-                "MAX_WRAPAROUND_TIME ffffffffff\nPROG_NAME tracer\n"
-                "QUARRY_DECODE_REF net \"net.dec\" 0.9.v1\n"
-                "QUARRY_DECODE_REF net/io \"io.dec\" 10.14.v2\nTHREAD main 1234\nTHREAD " +
-                std::string(56, 't') + "SIGNALING_PID 18446744073709551615\nSIGNAL 15\n\n");
+  expect_header(
+      "CREATION_TIME 123456789a\nWRAPAROUND_TIME abc\nWRAPAROUND_COUNT 3\n"
+      "ENTRY_COUNT 10\nBUFFER_SIZE 400\nWORD_COUNT 1005\nMIN_WRAPAROUND_TIME 10\n"
+      "MAX_WRAPAROUND_TIME ffffffffff\nPROG_NAME tracer\n"
+      "QUARRY_DECODE_REF net \"net.dec\" 0.9.v1\n"
+      "QUARRY_DECODE_REF net/io \"io.dec\" 10.14.v2\nTHREAD main 1234\nTHREAD " +
+      std::string(56, 't') + "SIGNALING_PID 18446744073709551615\nSIGNAL 15\n\n");
   const int total_writes = g_writes.load();
   ASSERT_TRUE(total_writes == 10 || total_writes == 11) << total_writes;
   const std::string clean = read_file(file_of(cb));
@@ -217,7 +217,6 @@ TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
               out);
     const std::string bytes = read_file(file_of(cb));
     if (result != 0) {
-      // Stopped at the failure: the file holds what came before.
       EXPECT_EQ(index, g_writes.load());
       EXPECT_EQ(clean.substr(0, bytes.size()), bytes);
     }
@@ -332,10 +331,6 @@ TEST(SignalSafetyProof, DetectorSeesForbiddenCalls) {
   EXPECT_EQ("pthread_mutex_lock", first_seen([&] { pthread_mutex_lock(&mutex); }));
   pthread_mutex_unlock(&mutex);
   EXPECT_EQ("snprintf", first_seen([&] { snprintf(text, sizeof text, "%d", int{sizeof text}); }));
-  EXPECT_EQ("strerror", first_seen([&] { p = strerror(EIO); }));
-  DIR* dir = nullptr;
-  EXPECT_EQ("opendir", first_seen([&] { dir = opendir("/"); }));
-  closedir(dir);
 #if QUARRY_TEST_REPLACES_MALLOC
   EXPECT_EQ("malloc", first_seen([&] { p = strdup("the C library's own allocation"); }));
   free(p);
@@ -373,7 +368,6 @@ TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
     raise(SIGTERM);
   });
   alarm(0);
-  const std::string reports = testing::internal::GetCapturedStdout();
   pthread_mutex_unlock(&cb->mutex);
   pthread_mutex_unlock(&circular_buffer_list_mutex);
   cb->output_header = open_block;
@@ -385,7 +379,7 @@ TEST(SignalSafetyProof, EveryDumpTriggerAllocatesNothingAndLocksNothing) {
   EXPECT_EQ("15", file.value("SIGNAL"));
   EXPECT_EQ(std::to_string(getpid()), file.value("QUARRY_PROCESS_ID"));  // formatted at dump
   const std::string report = kOpenFailed + file_of(unwritable->cb) + " (Not a directory)";
-  EXPECT_EQ(report + report + report + report, reports);
+  EXPECT_EQ(report + report + report + report, testing::internal::GetCapturedStdout());
 }
 
 // A held ring: later records spare it, the dump sees it; the release clears the words skipped.
@@ -395,15 +389,13 @@ TEST(CrashHold, HeldWordsStayWhileRecordsGoOnAndReleaseClearsTheGap) {
   for (uint32_t i = 0; i < 3000; ++i) QUARRY_TRACE(h, 0, "dD", i, 7ull << 40);
   const ring_view real = load_ring(cb);
   const uint32_t count = cb->word_count.load();
-  auto words_of = [&real] {
-    return std::vector<uint32_t>(real.buffer, real.buffer + real.size_words);
-  };
-  const std::vector<uint32_t> before = words_of();
+  auto words = [&] { return std::vector<uint32_t>(real.buffer, real.buffer + real.size_words); };
+  const std::vector<uint32_t> before = words();
 
   hold_ring(cb);
   hold_ring(cb);  // a second crash handler changes nothing
   for (uint32_t i = 0; i < 100; ++i) QUARRY_TRACE(h, 0, "s", "while held");
-  EXPECT_EQ(before, words_of());
+  EXPECT_EQ(before, words());
   EXPECT_EQ(real.buffer, dump_ring(cb).buffer);
   EXPECT_EQ(count, dump_word_count(cb));
   EXPECT_EQ(0, set_circular_buffer_size(cb, 65536));  // no growth out of the scratch ring
@@ -415,7 +407,7 @@ TEST(CrashHold, HeldWordsStayWhileRecordsGoOnAndReleaseClearsTheGap) {
   EXPECT_EQ(after, dump_word_count(cb));
   std::vector<uint32_t> expected = before;
   for (uint32_t at = count; at != after; ++at) expected[at & (real.size_words - 1)] = 0;
-  EXPECT_EQ(expected, words_of());
+  EXPECT_EQ(expected, words());
 }
 
 }  // namespace
