@@ -39,8 +39,8 @@ using namespace quarry_test;
 }
 #define CHILD_CHECK(condition) ((condition) ? void() : child_failed(__LINE__, #condition))
 
-std::string trace_path(const std::string& process, const std::string& buffer) {
-  return base_dir() + process + "/" + buffer + "/quarry_0.trc";
+std::string trace_path(const std::string& dir) {
+  return base_dir() + dir + "/quarry_0.trc";
 }
 
 quarry_handle* open_child_buffer(const char* process, const char* buffer = "buf") {
@@ -54,7 +54,7 @@ quarry_handle* open_child_buffer(const char* process, const char* buffer = "buf"
 
 // The dump of open_child_buffer's buffer for signo: the reason, a sender and the one record.
 trace_file expect_dump_for(int signo, const std::string& process, const std::string& buffer) {
-  trace_file file = read_trace(trace_path(process, buffer));
+  trace_file file = read_trace(trace_path(process + "/" + buffer));
   EXPECT_EQ(std::to_string(signo), file.value("SIGNAL"));
   EXPECT_EQ(1u, file.items.count("SIGNALING_PID"));
   const std::vector<uint32_t> w = file.data();
@@ -134,7 +134,7 @@ class PreviousActionTest : public ::testing::TestWithParam<int> {};
 TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
   const int signo = GetParam();
   const std::string process = std::string("host") + sigabbrev_np(signo);
-  const std::string path = trace_path(process, "buf");
+  const std::string path = trace_path(process + "/buf");
   EXPECT_EXIT(
       {
         struct sigaction host = {};
@@ -188,8 +188,7 @@ TEST_P(PreviousActionTest, IsTakenAfterTheDumpAndTheProcessLivesOn) {
       },
       ::testing::ExitedWithCode(0), "^sigaction\\(0\\): Invalid argument\n$");
   expect_dump_for(signo, process, "buf");
-  const std::string failed = base_dir() + process + "_failed/quarry_0.trc";
-  EXPECT_EQ(std::to_string(signo), read_trace(failed).value("SIGNAL"));
+  EXPECT_EQ(std::to_string(signo), read_trace(trace_path(process + "_failed")).value("SIGNAL"));
 }
 
 INSTANTIATE_TEST_SUITE_P(ThreeKinds, PreviousActionTest, testing::Values(SIGINT, SIGQUIT, SIGTERM),
@@ -208,7 +207,7 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
       },
       ::testing::KilledBySignal(SIGSEGV), "");
   expect_dump_for(SIGTERM, "fault", "good");
-  const std::string broken = read_file(trace_path("fault", "broken"));
+  const std::string broken = read_file(trace_path("fault/broken"));
   EXPECT_NE(std::string::npos, broken.find("PROG_NAME fault\n"));
   EXPECT_EQ(std::string::npos, broken.find("QUARRY_DECODE_REF"));
 }
@@ -236,7 +235,7 @@ TEST(CrashDump, FaultDuringTheDumpEndsTheProcess) {
   CHILD_CHECK(errno == EDOM);
   for (auto& w : writers) w.join();
 
-  trace_file file = read_trace(trace_path("writers", "busy"));
+  trace_file file = read_trace(trace_path("writers/busy"));
   CHILD_CHECK(file.complete && file.items.count("SIGNAL") + file.items.count("SIGNALING_PID") == 0);
   const std::vector<uint32_t> words = file.data();
   CHILD_CHECK(words.size() >= file.hex("WORD_COUNT"));

@@ -207,14 +207,13 @@ TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     EXPECT_EQ(result, dump_circular_buffer(cb));
-    const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(report ? "" : "QUARRY_HEADER_DUMP: write failed",
               testing::internal::GetCapturedStderr());
     g_fail_at = 0;
     EXPECT_EQ(report ? "quarry abort handler: unable to write " + (report + file_of(cb)) +
                            (index < total_writes ? " (Input/output error)" : "")
                      : "",
-              out);
+              testing::internal::GetCapturedStdout());
     const std::string bytes = read_file(file_of(cb));
     if (result != 0) {
       EXPECT_EQ(index, g_writes.load());
