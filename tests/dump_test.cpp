@@ -187,8 +187,7 @@ TEST_F(DumpTest, HeaderByteForByteThenEveryWriteFailing) {
   ASSERT_TRUE(total_writes == 10 || total_writes == 11) << total_writes;
   const std::string clean = read_file(file_of(cb));
   const std::string data = clean.substr(clean.size() - 1024 * 4);
-  // The write failing (1-based; 0: the data, reported without errno), the result, and the report
-  // between "unable to write " and the path (null: on standard error).
+  // Failing write (0: the data, reported without errno), result, report after "unable to write ".
   const std::tuple<int, int, const char*> failures[] = {{1, 1, "header to trace file "},
                                                         {2, 1, "omega time to trace file "},
                                                         {3, 1, "program name to trace file "},
@@ -280,9 +279,8 @@ TEST_F(DumpTest, PathSuffixAndLengthRule) {
   }
 }
 
-// Each dump samples the clock and replaces the file whole with the ring's data part: nothing
-// written, before the wrap, exactly full, wrapped (whole ring in storage order), far past, and
-// past 2^32 (only word_count words again).
+// Each dump samples the clock and replaces the file with the ring's data: none, before the wrap,
+// full, wrapped (whole ring in storage order), far past, past 2^32 (word_count words again).
 TEST_F(DumpTest, DumpsOfOneBuffer) {
   circular_buffer* cb = buffer("data");
   const std::pair<uint32_t, size_t> cases[] = {
