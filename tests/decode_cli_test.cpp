@@ -1,5 +1,6 @@
 // quarry-decode end to end: usage errors, bad inputs named with the reason, directories, named
-// pipes, filters, loss reports, and every output form (text, JSON lines, Chrome, summary, spans).
+// pipes, filters, loss reports, every output form (text, JSON lines, Chrome, summary, spans), and
+// calls of typed providers decoded with the decode file the build generated from their declaration.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -12,6 +13,13 @@
 #include <tuple>
 
 #include "decode_test_support.h"
+#include "typed_test_providers.h"
+
+extern "C" void typed_c_calls(void);
+
+#define UNDECODABLE(POINT, SPAN) \
+  POINT(0, a, "{z:x} {} {{ok}} {y} {}", (uint32_t, z)) POINT(1, b, "}{z", (uint32_t, z))
+QUARRY_PROVIDER(undecodable, "undecodable", "undecodable.dec", UNDECODABLE);
 
 using namespace quarry_decode;
 using namespace decode_test;
@@ -30,16 +38,6 @@ std::string wrapped_file(uint64_t first_time = kT0, uint32_t step = 10, uint32_t
 // `bytes` with the first `from` replaced by `to`.
 std::string changed(std::string bytes, const std::string& from, const std::string& to) {
   return bytes.replace(bytes.find(from), from.size(), to);
-}
-
-// A trace file of two records whose header names the decode file `name`.
-std::string with_decode_file(const std::string& name, const std::string& file_name) {
-  HeaderItems items;
-  items.refs = {"QUARRY_DECODE_REF app \"" + name + "\" 0.9.1"};
-  Ring ring(64);
-  ring.add(encode(0, kT0, 1, {d(5), s("x")}));
-  ring.add(encode(1, kT0 + 1, 1, {d(6)}));
-  return put(file_name, ring.file(items));
 }
 
 // Each of `parts` occurs in `text`, in this order.
@@ -147,6 +145,9 @@ TEST_F(DecodeCli, BadInputsAreReportedAndTheRestIsShown) {
   for (uint32_t& w : noise) w = static_cast<uint32_t>(rng());
   HeaderItems noisy;
   noisy.buffer_size = noisy.word_count = 16384;
+  auto with_decode_file = [&](const std::string& name, const std::string& file_name) {
+    return put(file_name, changed(good, "\"t.dec\"", "\"" + name + "\""));
+  };
   const std::vector<std::pair<std::string, std::string>> cases = {
       {put("cut_data.trc", good.substr(0, good.size() - 4096 + 2000)),
        "/cut_data.trc: truncated: the header announces 1024 data words, the file holds 500\n"},
@@ -180,8 +181,7 @@ TEST_F(DecodeCli, BadInputsAreReportedAndTheRestIsShown) {
   EXPECT_EQ(kExitBadInput, r.status);
   for (const auto& c : cases) EXPECT_EQ(1u, count(r.err, c.second)) << r.err;
   EXPECT_GT(count(r.out, " app:n: { v = "), 171u + 50u);
-  EXPECT_NE(std::string::npos, r.out.find(" app:#0: "));
-  EXPECT_NE(std::string::npos, r.out.find(" app:#1: { words = [ 0x00000006 ] }\n"));
+  EXPECT_NE(std::string::npos, r.out.find(" app:#0: { words = [ 0x0000018f, 0x00000000 ] }\n"));
 }
 
 // A buffer directory gives its newest trace file; a process directory those of each buffer, merged.
@@ -244,8 +244,7 @@ TEST_F(DecodeCli, NamedPipeIsReadUntilItEnds) {
 TEST_F(DecodeCli, LossesAreReportedOnceWithCountsAndTimes) {
   // 6-word records wrapped twice in 1024; the one at word 500 now flags a word beyond its own.
   std::string bytes = wrapped_file(kT0, 1000);
-  const size_t header = bytes.size() - 4096 + 4 * 500;
-  bytes[header + 2] |= 1 << 4;
+  bytes[bytes.size() - 4096 + 4 * 500 + 2] |= 1 << 4;
   const std::string lossy = put("lossy.trc", bytes), name = "quarry-decode: " + lossy + ": ";
   CliResult r = run({"--utc", lossy});
   EXPECT_EQ(0, r.status) << r.err;
@@ -444,6 +443,63 @@ TEST(DecodeOutput, Spans) {
        R"({"name":"req","cat":"app","ph":"X","ts":1000500010.000,"dur":30.000,"pid":4242,)",
        R"({"name":"app:req_begin","cat":"app","ph":"i","s":"t","ts":1000500050.000,"pid":4242,)"
        R"("tid":1,"args":{"message":"begin 0","id":0}})"});
+}
+
+// The same records from C++ and from C (typed_c_host.c), a span, nothing from before the open.
+TEST(DecodeTyped, GeneratedDecodeFileDecodesTheCalls) {
+  quarry_set_process_name("typed_host");
+  typed_spans::note("before the open: a disabled call");
+  quarry::provider<typed_points> typed(4096);
+  quarry::provider<typed_spans> spans(4096);
+  EXPECT_EQ(6u, typed_points::trace_point_count);  // one above the highest index
+  EXPECT_EQ(quarry::decode_file_text<typed_points>(),
+            quarry_test::read_file(QUARRY_TEST_DECODE_DIR "typed.dec"));
+  EXPECT_NE(
+      std::string::npos,
+      quarry::decode_file_text<typed_spans>().find(
+          "\n0 work_begin d item:u @begin:work = working on {item}\n1 work_end - @end:work\n"));
+
+  typed_points::tick();
+  typed_points::request(0xFF000000u, std::string_view("GET /x\0junk", 11));
+  typed_points::reply(-2, 0xFFFFFFFFFFFFFFFFull);
+  typed_points::mixed(int8_t{-1}, nullptr, INT64_MIN, std::string("abcd"), typed_color::blue);
+  typed_points::six(1u, 2u, 3u, 4u, 0xFFFFFFFFu, -6);
+  typed_c_calls();
+  {
+    auto work = typed_spans::work(9u);
+    typed_spans::note("inside");
+  }
+  typed_spans::note("after");
+  ASSERT_EQ(0, quarry_dump(typed.handle()));
+  ASSERT_EQ(0, quarry_dump(spans.handle()));
+
+  // spans.dec is not generated: those records show raw, by index.
+  const std::string dir = quarry_test::base_dir() + "typed_host/";
+  const CliResult r = run({"-d", QUARRY_TEST_DECODE_DIR, dir + "typed/", dir + "spans/"});
+  EXPECT_EQ(0, r.status) << r.err;
+  const std::vector<std::string> calls = {
+      "typed:tick\n",
+      "typed:request: request 4278190080 for GET /x\n",  // cut at the NUL
+      "typed:reply: reply -2 after 18446744073709551615 ns\n",
+      ("typed:mixed: { small = -1, text = \"(null)\", wide = -9223372036854775808, "
+       "name = \"abcd\", color = 200 }\n"),
+      "typed:six: 1 2 3 4 4294967295 -6\n",
+  };
+  std::vector<std::string> parts = calls;  // from C++, then from C
+  parts.insert(parts.end(), calls.begin(), calls.end());
+  parts.insert(parts.end(), {"spans:#0", "spans:#2", "spans:#1", "spans:#2"});
+  EXPECT_EQ(parts.size(), lines_of(r.out).size()) << r.out;
+  expect_in_order(r.out, parts);
+}
+
+// The generator refuses messages the decoder would reject, so a build cannot ship them.
+TEST(DecodeTyped, MessagesTheDecoderWouldRejectAreFound) {
+  EXPECT_EQ("", quarry::decode_file_problems<typed_points>());
+  EXPECT_EQ(
+      "a: the message placeholder {y} names no argument\n"
+      "a: the message placeholder {} names no argument\n"
+      "b: unmatched } in the message\nb: unmatched { in the message\n",
+      quarry::decode_file_problems<undecodable>());
 }
 
 }  // namespace
