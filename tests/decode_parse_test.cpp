@@ -28,17 +28,16 @@ std::string describe(const TracePoint& p) {
   if (p.span_role != TracePoint::SpanRole::kNone)
     text += (p.span_role == TracePoint::SpanRole::kBegin ? " @begin:" : " @end:") + p.span;
   if (p.has_message) text += " =";
-  for (const MessagePart& m : p.message) {
+  for (const MessagePart& m : p.message)
     text += m.arg < 0
                 ? " '" + m.literal + "'"
                 : " {" + std::to_string(m.arg) + ":" + kFormat[static_cast<int>(m.format)] + "}";
-  }
   return text;
 }
 
 // Placeholder formats beat argument formats, {} takes the next argument, {{ is literal.
 TEST(DecodeFile, DocumentedExampleParses) {
-  const std::string text =
+  DecodeFile f = parse_decode_file(
       "# net.dec: requests and replies of the net handle.\n"
       "0        request   ds         id path                = request {} for {path}\n"
       "\n"
@@ -48,8 +47,8 @@ TEST(DecodeFile, DocumentedExampleParses) {
       "8 mixed sDd\n"
       "3 p dDd a b:x c = {{{:x}}} {b:d} {} {a:u} {c}\n"
       "4 handle_begin d id @begin:handle = handling {id}\n"
-      "5 handle_end - @end:req.v-2_x\n";
-  DecodeFile f = parse_decode_file(text, "net.dec");
+      "5 handle_end - @end:req.v-2_x\n",
+      "net.dec");
   ASSERT_TRUE(f.errors.empty()) << f.errors[0];
   std::vector<std::string> points;
   for (const TracePoint& p : f.points) points.push_back(describe(p));
@@ -165,10 +164,9 @@ TEST(DecodeHeader, EveryKeyIsRead) {
                             h.wraparound_count, h.entry_count, h.buffer_size, h.word_count,
                             h.min_wraparound_time, h.signaling_pid, h.signal));
   std::vector<std::string> refs;  // handle|decode file|first|last|tag
-  for (const DecodeRef& r : h.decode_refs) {
+  for (const DecodeRef& r : h.decode_refs)
     refs.push_back(r.handle + "|" + r.decode_file + "|" + std::to_string(r.first_id) + "|" +
                    std::to_string(r.last_id) + "|" + r.tag);
-  }
   EXPECT_EQ((std::vector<std::string>{"net|net.dec|0|1|1", "net/io|io.dec|2|3|v2",
                                       "a/b_1f|x\" y.dec|3|4|tag with.dots", "empty|e.dec|5|4|1"}),
             refs);
