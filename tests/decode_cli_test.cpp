@@ -36,7 +36,6 @@ std::string wrapped_file(uint64_t first_time = kT0, uint32_t step = 10, uint32_t
   return ring.file(HeaderItems{});
 }
 
-// `bytes` with the first `from` replaced by `to`.
 std::string changed(std::string bytes, const std::string& from, const std::string& to) {
   return bytes.replace(bytes.find(from), from.size(), to);
 }
@@ -389,7 +388,6 @@ TEST(DecodeOutput, Spans) {
       "0 req_begin d id @begin:req = begin {id}\n1 req_end d status @end:req\n"
       "2 in_begin - @begin:inner\n3 in_end - @end:inner\n");
   Ring ring(1024);
-  // Trace point, microseconds after kT0, thread.
   const std::vector<std::tuple<uint32_t, uint64_t, uint32_t>> records = {
       {1, 5, 1},  {0, 10, 1}, {0, 15, 2}, {0, 16, 2}, {1, 17, 2},
       {1, 18, 2}, {2, 20, 1}, {3, 25, 1}, {1, 40, 1}, {0, 50, 1}};

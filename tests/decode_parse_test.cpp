@@ -138,10 +138,10 @@ TEST(DecodeFile, SearchPathAndCache) {
             cache.diagnostics().back());
 }
 
-TraceHeader parse_all(const std::string& bytes, HeaderExtent* extent_out = nullptr) {
-  HeaderExtent extent = HeaderScanner().scan(bytes);
+TraceHeader parse_all(const std::string& bytes) {
+  HeaderExtent extent = HeaderScanner().scan(bytes + "DATA");
   EXPECT_TRUE(extent.complete);
-  if (extent_out) *extent_out = extent;
+  EXPECT_EQ(bytes.size(), extent.data_offset);
   return parse_trace_header(std::string_view(bytes).substr(0, extent.text_end));
 }
 
@@ -183,9 +183,7 @@ TEST(DecodeHeader, CutThreadLines) {
   HeaderItems f;
   f.threads = {cut, "THREAD next one 5\n", "THREAD exact63_" + std::string(40, 'x') + " 123456\n",
                "THREAD later 5\n", ("THREAD " + std::string(60, 'q') + " 77\n").substr(0, 63)};
-  HeaderExtent extent;
-  const std::string bytes = header_text(f) + "DATA";
-  TraceHeader h = parse_all(bytes, &extent);
+  TraceHeader h = parse_all(header_text(f));
   std::vector<std::string> threads;  // name|ID text, and whether the entry was cut
   for (const ThreadLine& t : h.threads)
     threads.push_back(t.name + "|" + t.id_text + (t.cut ? " cut" : ""));
@@ -193,7 +191,6 @@ TEST(DecodeHeader, CutThreadLines) {
                                       "exact63_" + std::string(40, 'x') + "|123456", "later|5",
                                       std::string(56, 'q') + "| cut"}),
             threads);
-  EXPECT_EQ("DATA", bytes.substr(extent.data_offset));
 
   ThreadNames names(h.threads);
   EXPECT_EQ(long_name, *names.find(static_cast<uint32_t>(-1234567890)));
@@ -218,7 +215,7 @@ TEST(DecodeHeader, OddButReadableHeadersWarn) {
   // Without the open block (its header text could not be built) only monotonic time is known.
   std::string no_open = header_text(HeaderItems{});
   no_open.erase(0, no_open.find("WALL_TIME_Z_SEC"));
-  TraceHeader bare = parse_all(no_open);
+  TraceHeader bare = parse_trace_header(no_open);
   EXPECT_FALSE(TimeBase(bare).has_wall());
   EXPECT_EQ(1u, bare.warnings.size());
 }
