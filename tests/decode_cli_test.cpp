@@ -1,17 +1,26 @@
 // quarry-decode end to end: usage errors, bad inputs named with the reason, directories, named
-// pipes, filters, loss reports, and every output form (text, JSON lines, Chrome, summary, spans).
+// pipes, filters, loss reports, every output form (text, JSON lines, Chrome, summary, spans), and
+// calls of typed providers decoded with the decode file the build generated from their declaration.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <random>
 #include <thread>
 #include <tuple>
 
 #include "decode_test_support.h"
+#include "typed_test_providers.h"
+
+extern "C" void typed_c_calls(void);
+
+#define UNDECODABLE(POINT, SPAN) \
+  POINT(0, a, "{z:x} {} {{ok}} {y} {}", (uint32_t, z)) POINT(1, b, "}{z", (uint32_t, z))
+QUARRY_PROVIDER(undecodable, "undecodable", "undecodable.dec", UNDECODABLE);
 
 using namespace quarry_decode;
 using namespace decode_test;
@@ -27,19 +36,8 @@ std::string wrapped_file(uint64_t first_time = kT0, uint32_t step = 10, uint32_t
   return ring.file(HeaderItems{});
 }
 
-// `bytes` with the first `from` replaced by `to`.
 std::string changed(std::string bytes, const std::string& from, const std::string& to) {
   return bytes.replace(bytes.find(from), from.size(), to);
-}
-
-// A trace file of two records whose header names the decode file `name`.
-std::string with_decode_file(const std::string& name, const std::string& file_name) {
-  HeaderItems items;
-  items.refs = {"QUARRY_DECODE_REF app \"" + name + "\" 0.9.1"};
-  Ring ring(64);
-  ring.add(encode(0, kT0, 1, {d(5), s("x")}));
-  ring.add(encode(1, kT0 + 1, 1, {d(6)}));
-  return put(file_name, ring.file(items));
 }
 
 // Each of `parts` occurs in `text`, in this order.
@@ -58,16 +56,6 @@ struct Outcome {
   int status;
   std::string err, out;
 };
-
-void expect_outcomes(const std::vector<Outcome>& cases) {
-  for (const Outcome& c : cases) {
-    const CliResult r = run(c.args);
-    const std::string what = ::testing::PrintToString(c.args) + "\n" + r.err;
-    EXPECT_EQ(c.status, r.status) << what;
-    EXPECT_TRUE(c.err.empty() ? r.err.empty() : r.err.find(c.err) != std::string::npos) << what;
-    EXPECT_NE(std::string::npos, r.out.find(c.out)) << what << r.out;
-  }
-}
 
 class DecodeCli : public ::testing::Test {
  protected:
@@ -93,12 +81,16 @@ TEST_F(DecodeCli, UsageErrorsAndOddInputs) {
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0666));
   const std::string odd = changed(wrapped_file(kT0, 10, 100), "SIZE 400", "SIZE 3ff");
   const std::string usage = "\nTry 'quarry-decode --help'.\n";
-  auto header_with = [](const std::string& name, const std::string& extra) {
+  auto summary_of = [](const std::string& name, const std::string& extra) {
     HeaderItems header;
     header.extra = extra;
-    return put(name, header_text(header));
+    return std::vector<std::string>{"--summary", put(name, header_text(header))};
   };
-  expect_outcomes({
+  // A fault's SIGNALING_PID is the fault address's low 32 bits sign-extended; else the sender.
+  const auto segv = summary_of("segv.trc", "SIGNALING_PID 18446744073150512879\nSIGNAL 11\n");
+  const auto term = summary_of("term.trc", "SIGNALING_PID 42\nSIGNAL 15\nPARENT_PID 77\n");
+  const auto skew = summary_of("skew.trc", "WALL_TIME_Z_SEC 6593810a\n");
+  const std::vector<Outcome> cases = {
       {{"--help"}, 0, "", "Usage: quarry-decode [OPTION]... INPUT...\n"},
       {{"--version"}, 0, "", "quarry-decode 1."},
       {{}, kExitUsage, "quarry-decode: no input given" + usage, ""},
@@ -119,20 +111,17 @@ TEST_F(DecodeCli, UsageErrorsAndOddInputs) {
       {{put("odd.trc", odd)}, 0, "BUFFER_SIZE 1023 is not a power of two", "v = 99"},
       {{crafted}, 0, "the wall clock moved 9223371036354 ms", "] (+0.000001000) 1 app:n"},
       {{"--summary", crafted}, 0, "WALL_TIME_SEC appears again", "wall clock against monotonic"},
-      // A fault's SIGNALING_PID is the fault address's low 32 bits sign-extended; else the sender.
-      {{"--summary", header_with("segv.trc", "SIGNALING_PID 18446744073150512879\nSIGNAL 11\n")},
-       0,
-       "",
-       "  terminated by: signal 11 (SIGSEGV), fault address 0xdeadbeef (its low 32 bits)\n"},
-      {{"--summary", header_with("term.trc", "SIGNALING_PID 42\nSIGNAL 15\nPARENT_PID 77\n")},
-       0,
-       "",
-       "  terminated by: signal 15 (SIGTERM) from pid 42\n  parent process: pid 77\n"},
-      {{"--summary", header_with("skew.trc", "WALL_TIME_Z_SEC 6593810a\n")},
-       0,
-       ": the wall clock moved -3000 ms against the monotonic",
-       "against monotonic clock: -3.000000000 s between"},
-  });
+      {segv, 0, "", "signal 11 (SIGSEGV), fault address 0xdeadbeef (its low 32 bits)\n"},
+      {term, 0, "", "signal 15 (SIGTERM) from pid 42\n  parent process: pid 77\n"},
+      {skew, 0, "wall clock moved -3000 ms against the", "monotonic clock: -3.000000000 s between"},
+  };
+  for (const Outcome& c : cases) {
+    const CliResult r = run(c.args);
+    const std::string what = ::testing::PrintToString(c.args) + "\n" + r.err;
+    EXPECT_EQ(c.status, r.status) << what;
+    EXPECT_TRUE(c.err.empty() ? r.err.empty() : r.err.find(c.err) != std::string::npos) << what;
+    EXPECT_NE(std::string::npos, r.out.find(c.out)) << what << r.out;
+  }
 }
 
 // Each bad input is named with what is wrong; the good one and what could be read are still shown.
@@ -142,11 +131,13 @@ TEST_F(DecodeCli, BadInputsAreReportedAndTheRestIsShown) {
   ASSERT_EQ(0, mkfifo((dir + "fifo.dec").c_str(), 0666));
   ASSERT_EQ(0, truncate(put("big.dec", "0 n ds v text\n").c_str(), 17 << 20));
   put("broken.dec", "0 n ds v text\n1 broken q\n");
-  std::mt19937 rng(5);
   std::vector<uint32_t> noise(16384);
-  for (uint32_t& w : noise) w = static_cast<uint32_t>(rng());
+  std::generate(noise.begin(), noise.end(), std::mt19937(5));
   HeaderItems noisy;
   noisy.buffer_size = noisy.word_count = 16384;
+  auto with_decode_file = [&](const std::string& name, const std::string& file_name) {
+    return put(file_name, changed(good, "\"t.dec\"", "\"" + name + "\""));
+  };
   const std::vector<std::pair<std::string, std::string>> cases = {
       {put("cut_data.trc", good.substr(0, good.size() - 4096 + 2000)),
        "/cut_data.trc: truncated: the header announces 1024 data words, the file holds 500\n"},
@@ -180,8 +171,7 @@ TEST_F(DecodeCli, BadInputsAreReportedAndTheRestIsShown) {
   EXPECT_EQ(kExitBadInput, r.status);
   for (const auto& c : cases) EXPECT_EQ(1u, count(r.err, c.second)) << r.err;
   EXPECT_GT(count(r.out, " app:n: { v = "), 171u + 50u);
-  EXPECT_NE(std::string::npos, r.out.find(" app:#0: "));
-  EXPECT_NE(std::string::npos, r.out.find(" app:#1: { words = [ 0x00000006 ] }\n"));
+  EXPECT_NE(std::string::npos, r.out.find(" app:#0: { words = [ 0x0000018f, 0x00000000 ] }\n"));
 }
 
 // A buffer directory gives its newest trace file; a process directory those of each buffer, merged.
@@ -244,8 +234,7 @@ TEST_F(DecodeCli, NamedPipeIsReadUntilItEnds) {
 TEST_F(DecodeCli, LossesAreReportedOnceWithCountsAndTimes) {
   // 6-word records wrapped twice in 1024; the one at word 500 now flags a word beyond its own.
   std::string bytes = wrapped_file(kT0, 1000);
-  const size_t header = bytes.size() - 4096 + 4 * 500;
-  bytes[header + 2] |= 1 << 4;
+  bytes[bytes.size() - 4096 + 4 * 500 + 2] |= 1 << 4;
   const std::string lossy = put("lossy.trc", bytes), name = "quarry-decode: " + lossy + ": ";
   CliResult r = run({"--utc", lossy});
   EXPECT_EQ(0, r.status) << r.err;
@@ -273,23 +262,21 @@ TEST_F(DecodeCli, Filters) {
   ring.add(encode(0, 2061000000000ull, 1, {d(9), s("")}));  // over a minute after the dump: refused
   const std::string file = put("f.trc", ring.file(items));
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-      {{"--handle=net"}, "13579"},
-      {{"--handle=a*", "--handle=x"}, "02468"},
-      {{"--point=net:n"}, "13579"},
-      {{"--point=n"}, "0123456789"},
-      {{"--thread=worker"}, "147"},
-      {{"--thread=1", "--handle=app"}, "0268"},
-      {{"--begin=+3s", "--end=+6.5s"}, "3456"},
-      {{"--begin=2024-01-02 03:04:08Z"}, "3456789"},
-      {{"--utc", "--end=2024-01-02T03:04:07.5"}, "012"},
-      {{"--begin=1004"}, "456789"},
-      {{"--last=996500ms"}, "3456789"},
-      {{"--begin=-997s", "--end=-995.6s"}, "3"},
+      {{"--handle=net", file}, "13579"},
+      {{"--handle=a*", "--handle=x", file}, "02468"},
+      {{"--point=net:n", file}, "13579"},
+      {{"--point=n", file}, "0123456789"},
+      {{"--thread=worker", file}, "147"},
+      {{"--thread=1", "--handle=app", file}, "0268"},
+      {{"--begin=+3s", "--end=+6.5s", file}, "3456"},
+      {{"--begin=2024-01-02 03:04:08Z", file}, "3456789"},
+      {{"--utc", "--end=2024-01-02T03:04:07.5", file}, "012"},
+      {{"--begin=1004", file}, "456789"},
+      {{"--last=996500ms", file}, "3456789"},
+      {{"--begin=-997s", "--end=-995.6s", file}, "3"},
   };
   for (const auto& c : cases) {
-    std::vector<std::string> args = c.first;
-    args.push_back(file);
-    CliResult r = run(args);
+    CliResult r = run(c.first);
     EXPECT_EQ(0, r.status) << r.err;
     std::string shown;
     for (const std::string& line : lines_of(r.out)) shown += line.substr(line.find("v = ") + 4, 1);
@@ -303,21 +290,13 @@ TEST_F(DecodeCli, ClosedOutputEndsQuietly) {
   ASSERT_EQ(0, pipe(fds));
   close(fds[0]);
   FILE* out = fdopen(fds[1], "w");
-  const std::string err_path = base_dir() + "err";
-  FILE* err = fopen(err_path.c_str(), "w");
+  FILE* err = tmpfile();
   const std::string path = put("w.trc", wrapped_file());
   const char* argv[] = {"quarry-decode", "--summary", path.c_str()};
   EXPECT_EQ(0, run_cli(3, argv, out, err));
+  EXPECT_EQ(0, ftell(err));
   fclose(out);
   fclose(err);
-  EXPECT_EQ("", quarry_test::read_file(err_path));
-}
-
-// The lines, each ended by a newline.
-std::string lines(const std::vector<std::string>& each) {
-  std::string text;
-  for (const std::string& line : each) text += line + "\n";
-  return text;
 }
 
 // A message, every kind of value and of string byte, no arguments, a record without decode entry.
@@ -339,55 +318,51 @@ std::string sample_file() {
 }
 
 TEST(DecodeOutput, EveryFormatOfTheSampleFile) {
-  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-      {{"--utc"},
-       lines({"[2024-01-02 03:04:05.500000000] (+?.\?\?\?\?\?\?\?\?\?) main app:request: request 7 "
-              "for /a\\nb",
-              "[2024-01-02 03:04:05.500001234] (+0.000001234) worker \"2\" app:values: { neg = -1, "
-              "big = -9223372036854775808, text = \"q\\\"\\\\\\x01\xe2\x82\xac\xed\xa0\x80\xff\", "
-              "flags = 0xff }",
-              "[2024-01-02 03:04:05.500001000] (-0.000000234) 3 app:idle",
-              "[2024-01-02 03:04:06.500000002] (+0.999999002) main app:#5: { words = [ "
-              "0x00000009, 0x00007978 ] }"})},
-      {{"--format=json"},
-       lines(
-           {R"({"time":"2024-01-02T03:04:05.500000000Z","time_ns":1704164645500000000,)"
-            R"("mono_ns":1000500000000,"pid":4242,"tid":1,"thread":"main","handle":"app",)"
-            R"("index":0,"point":"request","id":0,"message":"request 7 for /a\nb",)"
-            R"("args":{"id":7,"path":"/a\nb"}})",
-            R"({"time":"2024-01-02T03:04:05.500001234Z","time_ns":1704164645500001234,)"
-            R"("mono_ns":1000500001234,"pid":4242,"tid":2,"thread":"worker \"2\"","handle":"app",)"
-            R"("index":1,"point":"values","id":1,"args":{"neg":-1,"big":-9223372036854775808,)"
-            R"("text":"q\"\\\u0001€\u00ed\u00a0\u0080\u00ff","flags":255}})",
-            R"({"time":"2024-01-02T03:04:05.500001000Z","time_ns":1704164645500001000,)"
-            R"("mono_ns":1000500001000,"pid":4242,"tid":3,"thread":null,"handle":"app","index":2,)"
-            R"("point":"idle","id":2,"args":{}})",
-            R"({"time":"2024-01-02T03:04:06.500000002Z","time_ns":1704164646500000002,)"
-            R"("mono_ns":1001500000002,"pid":4242,"tid":1,"thread":"main","handle":"app",)"
-            R"("index":5,"point":null,"id":5,"words":[9,31096]})"})},
-      {{"-f", "chrome"},
-       lines(
-           {"[", R"({"name":"process_name","ph":"M","pid":4242,"tid":0,"args":{"name":"tester"}},)",
-            R"({"name":"thread_name","ph":"M","pid":4242,"tid":1,"args":{"name":"main"}},)",
-            R"({"name":"app:request","cat":"app","ph":"i","s":"t","ts":1000500000.000,"pid":4242,)"
-            R"("tid":1,"args":{"message":"request 7 for /a\nb","id":7,"path":"/a\nb"}},)",
-            R"({"name":"thread_name","ph":"M","pid":4242,"tid":2,"args":{"name":"worker \"2\""}},)",
-            R"({"name":"app:values","cat":"app","ph":"i","s":"t","ts":1000500001.234,"pid":4242,)"
-            R"("tid":2,"args":{"neg":-1,"big":-9223372036854775808,)"
-            R"("text":"q\"\\\u0001€\u00ed\u00a0\u0080\u00ff","flags":255}},)",
-            R"({"name":"app:idle","cat":"app","ph":"i","s":"t","ts":1000500001.000,"pid":4242,)"
-            R"("tid":3,"args":{}},)",
-            R"({"name":"app:#5","cat":"app","ph":"i","s":"t","ts":1001500000.002,"pid":4242,)"
-            R"("tid":1,"args":{"words":[9,31096]}})",
-            "]"})},
+  const std::string file = sample_file();
+  const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> cases = {
+      {{"--utc", file},
+       {"[2024-01-02 03:04:05.500000000] (+?.\?\?\?\?\?\?\?\?\?) main app:request: request 7 "
+        "for /a\\nb",
+        "[2024-01-02 03:04:05.500001234] (+0.000001234) worker \"2\" app:values: { neg = -1, "
+        "big = -9223372036854775808, text = \"q\\\"\\\\\\x01\xe2\x82\xac\xed\xa0\x80\xff\", "
+        "flags = 0xff }",
+        "[2024-01-02 03:04:05.500001000] (-0.000000234) 3 app:idle",
+        "[2024-01-02 03:04:06.500000002] (+0.999999002) main app:#5: { words = [ "
+        "0x00000009, 0x00007978 ] }"}},
+      {{"--format=json", file},
+       {R"({"time":"2024-01-02T03:04:05.500000000Z","time_ns":1704164645500000000,)"
+        R"("mono_ns":1000500000000,"pid":4242,"tid":1,"thread":"main","handle":"app",)"
+        R"("index":0,"point":"request","id":0,"message":"request 7 for /a\nb",)"
+        R"("args":{"id":7,"path":"/a\nb"}})",
+        R"({"time":"2024-01-02T03:04:05.500001234Z","time_ns":1704164645500001234,)"
+        R"("mono_ns":1000500001234,"pid":4242,"tid":2,"thread":"worker \"2\"","handle":"app",)"
+        R"("index":1,"point":"values","id":1,"args":{"neg":-1,"big":-9223372036854775808,)"
+        R"("text":"q\"\\\u0001€\u00ed\u00a0\u0080\u00ff","flags":255}})",
+        R"({"time":"2024-01-02T03:04:05.500001000Z","time_ns":1704164645500001000,)"
+        R"("mono_ns":1000500001000,"pid":4242,"tid":3,"thread":null,"handle":"app","index":2,)"
+        R"("point":"idle","id":2,"args":{}})",
+        R"({"time":"2024-01-02T03:04:06.500000002Z","time_ns":1704164646500000002,)"
+        R"("mono_ns":1001500000002,"pid":4242,"tid":1,"thread":"main","handle":"app",)"
+        R"("index":5,"point":null,"id":5,"words":[9,31096]})"}},
+      {{"-f", "chrome", file},
+       {"[", R"({"name":"process_name","ph":"M","pid":4242,"tid":0,"args":{"name":"tester"}},)",
+        R"({"name":"thread_name","ph":"M","pid":4242,"tid":1,"args":{"name":"main"}},)",
+        R"({"name":"app:request","cat":"app","ph":"i","s":"t","ts":1000500000.000,"pid":4242,)"
+        R"("tid":1,"args":{"message":"request 7 for /a\nb","id":7,"path":"/a\nb"}},)",
+        R"({"name":"thread_name","ph":"M","pid":4242,"tid":2,"args":{"name":"worker \"2\""}},)",
+        R"({"name":"app:values","cat":"app","ph":"i","s":"t","ts":1000500001.234,"pid":4242,)"
+        R"("tid":2,"args":{"neg":-1,"big":-9223372036854775808,)"
+        R"("text":"q\"\\\u0001€\u00ed\u00a0\u0080\u00ff","flags":255}},)",
+        R"({"name":"app:idle","cat":"app","ph":"i","s":"t","ts":1000500001.000,"pid":4242,)"
+        R"("tid":3,"args":{}},)",
+        R"({"name":"app:#5","cat":"app","ph":"i","s":"t","ts":1001500000.002,"pid":4242,)"
+        R"("tid":1,"args":{"words":[9,31096]}})",
+        "]"}},
   };
   for (const auto& c : cases) {
-    std::vector<std::string> args = c.first;
-    args.push_back(sample_file());
-    CliResult r = run(args);
-    EXPECT_EQ(0, r.status) << r.err;
+    CliResult r = run(c.first);
     EXPECT_EQ("", r.err);
-    EXPECT_EQ(c.second, r.out) << args[0];
+    EXPECT_EQ(c.second, lines_of(r.out)) << c.first[0];
   }
 }
 
@@ -413,7 +388,6 @@ TEST(DecodeOutput, Spans) {
       "0 req_begin d id @begin:req = begin {id}\n1 req_end d status @end:req\n"
       "2 in_begin - @begin:inner\n3 in_end - @end:inner\n");
   Ring ring(1024);
-  // Trace point, microseconds after kT0, thread.
   const std::vector<std::tuple<uint32_t, uint64_t, uint32_t>> records = {
       {1, 5, 1},  {0, 10, 1}, {0, 15, 2}, {0, 16, 2}, {1, 17, 2},
       {1, 18, 2}, {2, 20, 1}, {3, 25, 1}, {1, 40, 1}, {0, 50, 1}};
@@ -444,6 +418,63 @@ TEST(DecodeOutput, Spans) {
        R"({"name":"req","cat":"app","ph":"X","ts":1000500010.000,"dur":30.000,"pid":4242,)",
        R"({"name":"app:req_begin","cat":"app","ph":"i","s":"t","ts":1000500050.000,"pid":4242,)"
        R"("tid":1,"args":{"message":"begin 0","id":0}})"});
+}
+
+// The same records from C++ and from C (typed_c_host.c), a span, nothing from before the open.
+TEST(DecodeTyped, GeneratedDecodeFileDecodesTheCalls) {
+  quarry_set_process_name("typed_host");
+  typed_spans::note("before the open: a disabled call");
+  quarry::provider<typed_points> typed(4096);
+  quarry::provider<typed_spans> spans(4096);
+  EXPECT_EQ(6u, typed_points::trace_point_count);  // one above the highest index
+  EXPECT_EQ(quarry::decode_file_text<typed_points>(),
+            quarry_test::read_file(QUARRY_TEST_DECODE_DIR "typed.dec"));
+  EXPECT_NE(
+      std::string::npos,
+      quarry::decode_file_text<typed_spans>().find(
+          "\n0 work_begin d item:u @begin:work = working on {item}\n1 work_end - @end:work\n"));
+
+  typed_points::tick();
+  typed_points::request(0xFF000000u, std::string_view("GET /x\0junk", 11));
+  typed_points::reply(-2, 0xFFFFFFFFFFFFFFFFull);
+  typed_points::mixed(int8_t{-1}, nullptr, INT64_MIN, std::string("abcd"), typed_color::blue);
+  typed_points::six(1u, 2u, 3u, 4u, 0xFFFFFFFFu, -6);
+  typed_c_calls();
+  {
+    auto work = typed_spans::work(9u);
+    typed_spans::note("inside");
+  }
+  typed_spans::note("after");
+  ASSERT_EQ(0, quarry_dump(typed.handle()));
+  ASSERT_EQ(0, quarry_dump(spans.handle()));
+
+  // spans.dec is not generated: those records show raw, by index.
+  const std::string dir = quarry_test::base_dir() + "typed_host/";
+  const CliResult r = run({"-d", QUARRY_TEST_DECODE_DIR, dir + "typed/", dir + "spans/"});
+  EXPECT_EQ(0, r.status) << r.err;
+  const std::vector<std::string> calls = {
+      "typed:tick\n",
+      "typed:request: request 4278190080 for GET /x\n",  // cut at the NUL
+      "typed:reply: reply -2 after 18446744073709551615 ns\n",
+      ("typed:mixed: { small = -1, text = \"(null)\", wide = -9223372036854775808, "
+       "name = \"abcd\", color = 200 }\n"),
+      "typed:six: 1 2 3 4 4294967295 -6\n",
+  };
+  std::vector<std::string> parts = calls;  // from C++, then from C
+  parts.insert(parts.end(), calls.begin(), calls.end());
+  parts.insert(parts.end(), {"spans:#0", "spans:#2", "spans:#1", "spans:#2"});
+  EXPECT_EQ(parts.size(), lines_of(r.out).size()) << r.out;
+  expect_in_order(r.out, parts);
+}
+
+// The generator refuses messages the decoder would reject, so a build cannot ship them.
+TEST(DecodeTyped, MessagesTheDecoderWouldRejectAreFound) {
+  EXPECT_EQ("", quarry::decode_file_problems<typed_points>());
+  EXPECT_EQ(
+      "a: the message placeholder {y} names no argument\n"
+      "a: the message placeholder {} names no argument\n"
+      "b: unmatched } in the message\nb: unmatched { in the message\n",
+      quarry::decode_file_problems<undecodable>());
 }
 
 }  // namespace

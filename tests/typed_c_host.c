@@ -1,5 +1,5 @@
 /* A C host of the typed_points provider, through the C header the build generated from its
- * declaration: the same calls as decode_typed_test makes from C++. */
+ * declaration: the same calls as decode_cli_test makes from C++. */
 #include <stdint.h>
 
 #include "typed_points.h"
