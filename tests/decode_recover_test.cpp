@@ -96,14 +96,14 @@ struct Found {
   std::vector<Valid> valid;                      // in ring order, oldest first
   std::set<std::pair<uint32_t, uint32_t>> held;  // writer and number of the valid records
   int bogus = 0;                                 // records matching no write, or repeated
-  uint32_t size = 0;
 };
 
 // Recovers one run and decodes it; checks what every recovered file must show.
-Found recover_and_read(const std::string& run) {
+Found recover_and_read(const std::string& run, uint32_t size_words) {
   DecodeFileCache cache(decode_search_path({}));
   TraceData data = read_trace_bytes(recover_ring(run, cache), run, cache);
   EXPECT_TRUE(data.problems.empty()) << run;
+  EXPECT_EQ(size_words, data.source->header.buffer_size);
   const auto& items = data.source->header.unknown_items;
   EXPECT_EQ(1, std::count(items.begin(), items.end(),
                           std::pair<std::string, std::string>("RECOVERED", "1")));
@@ -119,7 +119,6 @@ Found recover_and_read(const std::string& run) {
     }
   } sink;
   decode_trace(data, sink);
-  sink.found.size = data.source->header.buffer_size;
   return sink.found;
 }
 
@@ -159,9 +158,8 @@ class Recovery : public ::testing::Test {
  protected:
   void SetUp() override {
     quarry_test::write_file(base_dir() + "persist.dec", "0 rec ddsD t n text check:x\n");
-    void* shared =
-        mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    p_ = new (shared) Progress();
+    p_ = new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                   -1, 0)) Progress();
   }
   Progress* p_;
 };
@@ -208,8 +206,7 @@ TEST_F(Recovery, DeathsLoseNothingCompleted) {
         quarry_test::write_file(words + "7.tmp", "");
       }
       for (int b = 0; b < buffers; ++b) {
-        Found f = recover_and_read(run_dir("host", b, pid));
-        EXPECT_EQ((grown ? 16384 : size) / 4, f.size);
+        Found f = recover_and_read(run_dir("host", b, pid), (grown ? 16384 : size) / 4);
         for (const Valid& v : f.valid) EXPECT_TRUE(!grown || v.n > p->grown_at[v.t]) << v.n;
         check_complete(f, p, b);
       }
@@ -239,7 +236,7 @@ TEST_F(Recovery, RestartsKeepThePreviousRuns) {
   std::map<uint32_t, size_t> records;  // of each writer, over all the runs
   for (const RecoveredRun& run : recover(buffer_dir, cache)) {
     ASSERT_EQ("", run.error);
-    for (const auto& record : recover_and_read(run.ring_dir).held) ++records[record.first];
+    for (const auto& record : recover_and_read(run.ring_dir, 1024).held) ++records[record.first];
   }
   EXPECT_EQ((std::map<uint32_t, size_t>{{3, 50}, {4, 50}}), records);
   EXPECT_TRUE(quarry_test::file_exists(buffer_dir + "quarry_0.trc"));

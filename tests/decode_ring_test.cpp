@@ -2,7 +2,6 @@
 // record is cut, records that do not fit their signature, the layouts the header counters give.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
 #include <tuple>
 
@@ -45,13 +44,11 @@ TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
     std::mt19937 rng(seed);
     auto u32 = [&] { return static_cast<uint32_t>(rng()); };
     Ring ring(1024);
-    std::vector<Seen> placed;
-    std::vector<uint64_t> starts;
+    using Key = std::tuple<uint32_t, uint64_t, uint32_t, std::vector<Arg>>;
+    std::vector<std::pair<uint64_t, Key>> placed;  // with the position of its first word
     auto place = [&](const Seen& r) {
-      const std::vector<uint32_t> words = encode(r.id, r.timestamp, r.thread, r.args);
-      placed.push_back(r);
-      starts.push_back(ring.position);
-      ring.add(words);
+      placed.emplace_back(ring.position, Key{r.id, r.timestamp, r.thread, r.args});
+      ring.add(encode(r.id, r.timestamp, r.thread, r.args));
     };
     for (uint64_t ts = kT0; ring.position < 1024 * 3 + rng() % 1024;) {
       Seen r{u32() % 7, ts += 1 + u32() % 1000, u32(), false, "", {}};
@@ -70,16 +67,14 @@ TEST(DecodeRing, WrappedBufferRecoversEveryCompleteRecord) {
       place(Seen{edge.first, 0xE9FFFFFFFFull, 0xFF123400u, false, "", edge.second});
     ASSERT_EQ(0x7Fu, ring.words[(ring.position - 1) % 1024] >> 24);  // the last escape word
     Decoded out = decode(ring.file(items), dec);
-    const size_t first =
-        std::lower_bound(starts.begin(), starts.end(), ring.position - 1024) - starts.begin();
-    std::vector<std::tuple<uint32_t, uint64_t, uint32_t, std::vector<Arg>>> want, got;
-    for (size_t i = first; i < placed.size(); ++i)
-      want.emplace_back(placed[i].id, placed[i].timestamp, placed[i].thread, placed[i].args);
+    std::vector<Key> want, got;
+    for (const auto& p : placed)
+      if (p.first + 1024 >= ring.position) want.push_back(p.second);
     for (const Seen& r : out.records) got.emplace_back(r.id, r.timestamp, r.thread, r.args);
     EXPECT_EQ(want, got) << "seed " << seed;
-    EXPECT_EQ(std::make_tuple(0u, out.stats().seam_words, true),
-              std::make_tuple(out.stats().rejected, out.stats().skipped_words,
-                              out.data.problems.empty()));
+    const DecodeStats& st = out.data.source->stats;
+    EXPECT_EQ(std::make_tuple(0u, st.seam_words, true),
+              std::make_tuple(st.rejected, st.skipped_words, out.data.problems.empty()));
   }
 }
 
@@ -127,7 +122,7 @@ TEST(DecodeRing, InconsistentRecordsAreRejectedAndCounted) {
   EXPECT_EQ(std::make_tuple(true, std::string("app:#9"), 0xFFFFFFFFu,
                             std::vector<Arg>{{'w', 0x7F000001u, ""}, {'w', 0x00636261u, ""}}),
             std::tie(raw.raw, raw.display, raw.thread, raw.args));
-  const DecodeStats& st = out.stats();  // damage from the last good record to the end
+  const DecodeStats& st = out.data.source->stats;  // damage from the last good record to the end
   EXPECT_EQ(std::make_tuple(11u, 1u, 0u, true, false, true, kT0),
             std::make_tuple(st.rejected, st.raw_records, st.seam_words, st.damage,
                             st.damage_from_start, st.damage_to_end, st.damage_from_ns));
@@ -167,9 +162,9 @@ TEST(DecodeRing, CountersLayOutTheData) {
     for (const Seen& r : out.records) decoded.push_back(r.timestamp - kT0);
     EXPECT_EQ(expected, decoded);
     EXPECT_EQ(
-        std::make_tuple(c.wrapped, c.problems, c.notes, 0u, out.stats().seam_words),
+        std::make_tuple(c.wrapped, c.problems, c.notes, 0u, out.data.source->stats.seam_words),
         std::make_tuple(out.data.source->wrapped, out.data.problems.size(), out.data.notes.size(),
-                        out.stats().rejected, out.stats().skipped_words));
+                        out.data.source->stats.rejected, out.data.source->stats.skipped_words));
   }
 }
 

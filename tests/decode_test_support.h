@@ -145,7 +145,6 @@ class Collector : public quarry_decode::RecordSink {
 struct Decoded {
   quarry_decode::TraceData data;
   std::vector<Seen> records;
-  const quarry_decode::DecodeStats& stats() const { return data.source->stats; }
 };
 
 inline Decoded decode_all(quarry_decode::TraceData data) {
