@@ -65,19 +65,6 @@ bool run_loop_until(kelp_loop* loop, const std::function<bool()>& condition) {
   return condition();
 }
 
-TEST(WriteCtrlFile, HandlesInTheTableOrder) {
-  // Within a bucket (first byte 'a') newest first; the owner (bucket 1) before its child (14).
-  const std::string head = "MAX_SIZE 4096\nDUMP on\nFILE_LOOP_COUNT 2\n";
-  quarry_handle* a = open_handle("a");
-  open_handle("x", 4096, a);
-  open_handle("y", 4096, a);
-  EXPECT_EQ(head + "TRACE a/y\nNOPIPE a/y\nTRACE a/x\nNOPIPE a/x\nTRACE a\nNOPIPE a\n", written(a));
-  quarry_handle* owner = open_handle("abcdefgh");
-  open_handle("x", 4096, owner);
-  EXPECT_EQ(head + "TRACE abcdefgh\nNOPIPE abcdefgh\nTRACE abcdefgh/x\nNOPIPE abcdefgh/x\n",
-            written(owner));
-}
-
 // Texts applied in order to the buffer of "sw" and its child "sw/kid".
 TEST(ParseCtrlFile, TextsApplyInOrder) {
   quarry_handle* owner = open_handle("sw");
