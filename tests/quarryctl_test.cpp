@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,8 +24,7 @@ struct Result {
   std::string out, err;
 };
 
-// Runs quarryctl on base_dir(); closing its output after max_lines lines is how a reader like
-// head ends a stream.
+// Runs quarryctl on base_dir(); stopping to read after max_lines lines is how head ends a stream.
 Result quarryctl(const std::string& args, int max_lines = -1) {
   const bool decodes = args.compare(0, 4, "dump") == 0 || args.compare(0, 6, "stream") == 0;
   const std::string command = QUARRYCTL_PATH " --base " + base_dir() + " " + args +
@@ -63,10 +61,9 @@ TEST(Quarryctl, CommandsAgainstALiveHost) {
   ASSERT_TRUE(host.live);
   const std::string pid = std::to_string(host.pid);
   // ghost is above any PID; self is alive, and the dump signal would end the test.
-  for (auto [name, owner] : {std::pair<std::string, pid_t>{"ghost", 4194304}, {"self", getpid()}}) {
-    write_file(make_dir(name) + "quarry.info",
-               "PROCESS_PID " + std::to_string(owner) + "\nDUMP_SIGNAL 62\n");
-  }
+  write_file(make_dir("ghost") + "quarry.info", "PROCESS_PID 4194304\nDUMP_SIGNAL 62\n");
+  write_file(make_dir("self") + "quarry.info",
+             "PROCESS_PID " + std::to_string(getpid()) + "\nDUMP_SIGNAL 62\n");
   const std::string net_ctrl = base_dir() + "demo_host/net/quarry.ctrl";
   // 12 records span at least two of the host's ticks, each with two net/io records.
   const std::string stream = "stream demo_host net 'net/*' --format=json";
@@ -96,7 +93,6 @@ TEST(Quarryctl, CommandsAgainstALiveHost) {
       {"resize demo_host net 32K", 1, {"never shrinks"}},
       {"resize demo_host net lots", 2, {"expected bytes"}},
       {"rotate demo_host net 0", 1, {"count 0"}},
-      {"rotate demo_host net -3", 1, {"count -3"}},
       {"resize demo_host nosuch 1M", 1, {"no such buffer (buffers: app, net)"}},
       {"dump nosuch", 1, {"nosuch: no such process directory"}},
       {"frob", 2, {"unknown command"}},
@@ -124,8 +120,7 @@ TEST(Quarryctl, CommandsAgainstALiveHost) {
 }
 #endif
 
-// The library's reading of control files, misreadings included, and the written state reading
-// back unchanged.
+// The library's reading of control files, misreadings included, and a written state reading back.
 TEST(ControlFile, ReadsLikeTheLibraryAndRoundTrips) {
   using quarry_layout::parse_control;
   quarry_layout::ControlState s = parse_control(
