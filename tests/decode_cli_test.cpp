@@ -284,21 +284,6 @@ TEST_F(DecodeCli, Filters) {
   }
 }
 
-// A reader that closed its end of the output (`| head`) ends the run quietly.
-TEST_F(DecodeCli, ClosedOutputEndsQuietly) {
-  int fds[2];
-  ASSERT_EQ(0, pipe(fds));
-  close(fds[0]);
-  FILE* out = fdopen(fds[1], "w");
-  FILE* err = tmpfile();
-  const std::string path = put("w.trc", wrapped_file());
-  const char* argv[] = {"quarry-decode", "--summary", path.c_str()};
-  EXPECT_EQ(0, run_cli(3, argv, out, err));
-  EXPECT_EQ(0, ftell(err));
-  fclose(out);
-  fclose(err);
-}
-
 // A message, every kind of value and of string byte, no arguments, a record without decode entry.
 std::string sample_file() {
   put("t.dec",

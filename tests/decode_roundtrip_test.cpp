@@ -1,8 +1,6 @@
-// The ring decoded: trace files built byte by byte (escapes, a wrapped buffer whose oldest record
-// is cut, records that do not fit their signature, the layouts the header counters give); the
-// round trip through the library (random records piped and dumped decode to the same values in
-// the same order; a process's buffers merge in time order); persistent rings recovered after
-// their hosts died without a dump, with every record they completed that the ring still holds.
+// The ring decoded: trace files built byte by byte (escapes, cut records, counter layouts), the
+// round trip through the library (piped and dumped records decode as written, buffers merge in
+// time order), and persistent rings recovered with every record completed before their host died.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>

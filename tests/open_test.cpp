@@ -1,9 +1,6 @@
-// Opening handles through the real open: size clamping and name checks with their messages,
-// children, twins and their ID ranges, failures that must leave the registry and every existing
-// buffer intact, the control-file re-arm, and many threads opening at once. Then the files it
-// makes in the shared trace directory: every way another user could redirect or steer what the
-// library writes (a link or planted file at each path, a foreign directory or control file), and
-// the exact shared and private file modes, each case in a child with fresh process state.
+// Opening handles: size clamping and name checks, children and twins with their ID ranges,
+// failures that leave the registry intact, many threads at once; then the files the open makes in
+// the shared trace directory: planted links and files refused, shared and private modes exact.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>

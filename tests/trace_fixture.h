@@ -120,7 +120,8 @@ struct trace_file {
   uint64_t hex(const std::string& key) const { return strtoull(value(key).c_str(), nullptr, 16); }
 };
 
-inline trace_file parse_trace(const std::string& bytes) {
+inline trace_file read_trace(const std::string& path) {
+  const std::string bytes = read_file(path);
   trace_file file;
   const size_t end = bytes.find("\n\n");
   file.complete = end != std::string::npos;
@@ -136,10 +137,6 @@ inline trace_file parse_trace(const std::string& bytes) {
                        space == std::string::npos ? "" : line.substr(space + 1));
   }
   return file;
-}
-
-inline trace_file read_trace(const std::string& path) {
-  return parse_trace(read_file(path));
 }
 
 }  // namespace quarry_test
